@@ -1,0 +1,55 @@
+# Install rules: the library, its public headers, the platform headers, an
+# exported CMake package (find_package(webapi)) and one pkg-config file per
+# library.
+include(CMakePackageConfigHelpers)
+
+set(webapi_install_targets webapi)
+if(WEBAPI_SPLIT_PLATFORM)
+  list(APPEND webapi_install_targets merocore merocgi)
+endif()
+
+install(TARGETS ${webapi_install_targets}
+  EXPORT webapiTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES
+  include/webapi/Export.h
+  include/webapi/JsonValue.h
+  include/webapi/WebAPIUtil.h
+  include/webapi/WebCGI.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/webapi)
+install(FILES
+  platform/include/mero_export.h
+  platform/include/merocgi.h
+  platform/include/merocore.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero)
+
+install(EXPORT webapiTargets NAMESPACE webapi:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
+configure_package_config_file(cmake/webapiConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
+
+# pkg-config: webapi.pc always; merocore.pc and merocgi.pc name the library
+# that holds those symbols (libwebapi itself unless the platform is split).
+function(webapi_pkgconfig name description requires libname)
+  set(PC_NAME ${name})
+  set(PC_DESCRIPTION ${description})
+  set(PC_REQUIRES ${requires})
+  set(PC_LIBNAME ${libname})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp" webapi)
+if(WEBAPI_SPLIT_PLATFORM)
+  webapi_pkgconfig(merocore "Core platform library: string lists and hashes, settings, locks" "" merocore)
+  webapi_pkgconfig(merocgi "CGI platform library: request state, parameters, cookies" "merocore" merocgi)
+else()
+  webapi_pkgconfig(merocore "Core platform library (inside libwebapi)" "" webapi)
+  webapi_pkgconfig(merocgi "CGI platform library (inside libwebapi)" "merocore" webapi)
+endif()

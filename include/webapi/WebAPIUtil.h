@@ -1,0 +1,77 @@
+// MERO::WebAPIUtil: free functions the library uses and CGI programs call
+// directly. None throws on its own account; what jsoncpp or the standard
+// library throws (a failed allocation) passes through.
+#ifndef WEBAPI_WEBAPIUTIL_H
+#define WEBAPI_WEBAPIUTIL_H
+
+#include <json/value.h>
+
+#include "webapi/Export.h"
+
+namespace MERO {
+namespace WebAPIUtil {
+
+// ---- JSON files shared between processes ---------------------------------
+//
+// Readers take a shared flock on the file and poll for it; the writer takes
+// the platform's exclusive lock (MLIBCFileLockTimeByFile, mode 1) on the same
+// file. So a reader never parses a file a writer is half-way through, and
+// each side gives up after about 15 seconds. Neither function logs.
+
+// Number of shared-lock attempts of ReadJsonFile, kReadLockPollMicros apart
+// (about 15 seconds in all).
+constexpr int kReadLockAttempts = 301;
+constexpr int kReadLockPollMicros = 50000;
+// Seconds SaveJsonFile waits for the writer's lock.
+constexpr int kSaveLockTimeoutSeconds = 15;
+
+// Reads the JSON document in `path` into `value`.
+//   true   the file was opened, locked and parsed; `value` holds it
+//          (comments are accepted and dropped).
+//   false  `path` is null; the file cannot be opened (it does not exist:
+//          no waiting); the shared lock was not had within kReadLockAttempts
+//          (`value` untouched); or the text is not JSON (nested deeper than
+//          MERO::JsonValue::kMaxJsonDepth counts as not JSON). After a parse
+//          failure `value` holds whatever the parser left: discard it.
+// The lock and the descriptor are released on every path. A FIFO or other
+// file that cannot be read at once gives false, never a wait.
+WEBAPI_EXPORT bool ReadJsonFile(Json::Value& value, const char* path);
+
+// Writes `value` to `path` as one line of compact JSON ended by a line feed
+// (Json::FastWriter), creating the file when it does not exist (mode 0644
+// before the umask).
+//   true   the lock was taken and the whole text written.
+//   false  the lock was not had within kSaveLockTimeoutSeconds or the file
+//          could not be opened: the file is untouched. Also false when a
+//          write fails after the file was emptied (disk full): the file may
+//          then be short.
+// The file is emptied only after the lock is held, and rewritten in place.
+WEBAPI_EXPORT bool SaveJsonFile(Json::Value& value, const char* path);
+
+// ---- Scalars and environment ------------------------------------------------
+
+// Strict decimal integer: optional leading blanks and one sign, then digits,
+// then nothing else.
+//   true   *value (when `value` is not null) holds the number; values past
+//          the 32-bit range are clamped to INT_MIN / INT_MAX and accepted.
+//   false  no digits, or anything after them (blank, ".", "x"); a null text.
+//          *value is untouched.
+WEBAPI_EXPORT bool ParseInt(const char* text, int* value);
+
+// Boolean words, letter case ignored, no trimming: "true", "yes", "1" give
+// true; "false", "no", "0" give false.
+//   true   *value (when not null) holds the boolean.
+//   false  null or any other text; *value is untouched.
+WEBAPI_EXPORT bool ParseBool(const char* text, bool* value);
+
+// Copies environment variable `name` into `buf`.
+//   true   the variable exists: all `size` bytes of `buf` were zeroed, then
+//          the value copied, cut to size - 1 bytes without notice.
+//   false  the variable is unset (`buf` untouched), or `buf`/`size` unusable,
+//          or formatting failed (logged: "%s:%d snprintf failed. %m").
+WEBAPI_EXPORT bool GetEnv(const char* name, char* buf, int size);
+
+}  // namespace WebAPIUtil
+}  // namespace MERO
+
+#endif  // WEBAPI_WEBAPIUTIL_H

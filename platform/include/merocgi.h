@@ -1,0 +1,177 @@
+/* CGI platform library (libmerocgi): the CGI state of one request, its
+ * parameter line, form decoding, cookies and UI language.
+ *
+ * One process serves one request (CGI), on one thread. The request is read
+ * from the CGI environment (REQUEST_METHOD, QUERY_STRING, CONTENT_LENGTH,
+ * CONTENT_TYPE, HTTP_COOKIE, HTTP_ACCEPT_LANGUAGE) and standard input. Texts
+ * handed out by a state belong to it and stay valid until MeroCgiFree, unless
+ * a note says otherwise. C linkage; nothing throws.
+ *
+ * Limits (a request beyond one is refused with a log line and an error code
+ * left for MLIBCErrGet, never cut short silently): */
+#ifndef MEROCGI_H
+#define MEROCGI_H
+
+#include "merocore.h"
+#include "mero_export.h"
+
+/* Largest parameter line: the query string of a GET or the body of a POST,
+ * in bytes. A larger CONTENT_LENGTH is refused before anything is read. */
+#define MERO_CGI_MAX_PARAM_LINE_BYTES (1024 * 1024)
+/* Most name=value pairs in one parameter line (each '&'-separated pair counts,
+ * repeated names too). */
+#define MERO_CGI_MAX_PARAMS 65536
+/* Largest Cookie header (HTTP_COOKIE), in bytes; a larger one loads no
+ * cookie at all. */
+#define MERO_CGI_MAX_COOKIE_HEADER_BYTES (16 * 1024)
+/* Longest Accept-Language header read for the UI language; the rest is
+ * ignored (it only ranks languages, so nothing is lost but preference). */
+#define MERO_CGI_MAX_ACCEPT_LANGUAGE_BYTES 4096
+
+MERO_EXTERN_C_BEGIN
+
+/* The CGI state of one request. Callers embed it by value and pass its
+ * address to every call; fields are read by name, never by byte offset.
+ * The field order is fixed (it is the record layout of the 32-bit appliance
+ * target, where every field is one 32-bit word and the record is 60 bytes):
+ *   word  0  inCookieTable   request cookies (MeroCgiLoadInCookies)
+ *   word  1  queryTable      a POST's query-string parameters, parsed on
+ *                            first need (MeroCgiGetCGIParam)
+ *   word  2  uiLanguage      negotiated UI language, cached (static text)
+ *   word  3  initialized     1 after MeroCgiInit / MeroCgiInitEx
+ *   word  4  setCookieTable  cookies to set in the response
+ *   word  5  paramTable      request parameters; null until the first store
+ *   word  6  headerTable     response headers to send
+ *   word  7  registry        current-users registry name (owned copy)
+ *   word  8  extra           extra session text (owned copy)
+ *   word  9  headerPrinted   1 once the header block was printed
+ *   words 10-12              reserved, 0
+ *   word 13  sessionTimeout  session time-out (minutes; 0 and -1 passed on)
+ *   word 14  skipCheckIP     1: do not tie a session to its client address
+ * On 64-bit Linux pointer fields are 8 bytes; the record is 96 bytes there
+ * (the implementation static_asserts the order and, on 32-bit, the offsets). */
+typedef struct _tag_MEROCGI_STATE {
+  MLIBSZHASH* inCookieTable;
+  MLIBSZHASH* queryTable;
+  const char* uiLanguage;
+  int initialized;
+  MLIBSZHASH* setCookieTable;
+  MLIBSZHASH* paramTable;
+  MLIBSZHASH* headerTable;
+  char* registry;
+  char* extra;
+  int headerPrinted;
+  int reserved[3];
+  int sessionTimeout;
+  int skipCheckIP;
+} MEROCGI_STATE;
+
+/* Platform defaults of MeroCgiInit. */
+#define MERO_CGI_DEFAULT_SESSION_TIMEOUT 10080
+#define MERO_CGI_DEFAULT_SKIP_CHECK_IP 0
+#define MERO_CGI_DEFAULT_REGISTRY "current.users"
+
+/* ---- lifecycle ---------------------------------------------------------- */
+
+/* Zeroes *state and applies the default session settings above. `text` is
+ * reserved (pass ""). Returns 1, or 0 when `state` is null. */
+MERO_EXPORT int MeroCgiInit(const char* text, MEROCGI_STATE* state);
+
+/* Zeroes *state and applies the given session settings. `registry` and
+ * `extra` are copied (null means ""). Returns 1; 0 when `state` is null or
+ * a copy cannot be made (the state is then zeroed and usable). */
+MERO_EXPORT int MeroCgiInitEx(MEROCGI_STATE* state, int timeout, int skipCheckIP,
+                              const char* registry, const char* extra);
+
+/* Replaces the session settings of an initialised state, keeping its tables.
+ * Returns 1; 0 when `state` is null or a copy cannot be made (the old
+ * texts are kept then). */
+MERO_EXPORT int MeroCgiSetSessionParam(MEROCGI_STATE* state, int timeout, int skipCheckIP,
+                                       const char* registry, const char* extra);
+
+/* Frees every table and text the state owns and zeroes it. Null is
+ * accepted; a second call does nothing. */
+MERO_EXPORT void MeroCgiFree(MEROCGI_STATE* state);
+
+/* ---- parameters ---------------------------------------------------------- */
+
+/* The request's raw parameter line, newly allocated (release with `free`):
+ *   GET, HEAD and any method but POST/PUT/PATCH: QUERY_STRING;
+ *   POST, PUT, PATCH: the body, read from standard input to exactly
+ *   CONTENT_LENGTH bytes; when the body is empty, QUERY_STRING instead.
+ * The body is read once per process; later calls return copies of it.
+ * Null when there is no line (nothing to read, or an empty one), and when the
+ * request is refused, with a log line and MLIBCErrGet():
+ *   MERO_ERR_REQUEST_TOO_LARGE   the line would exceed
+ *                                MERO_CGI_MAX_PARAM_LINE_BYTES;
+ *   MERO_ERR_REQUEST_INCOMPLETE  the body ended before CONTENT_LENGTH bytes;
+ *   MERO_ERR_REQUEST_MALFORMED   CONTENT_LENGTH is not a decimal number, or
+ *                                the line holds a NUL byte;
+ *   MERO_ERR_IO                  reading standard input failed. */
+MERO_EXPORT char* MeroCgiGetParamLine(void);
+
+/* Decodes an application/x-www-form-urlencoded line (as browsers send forms)
+ * into the state's parameter table, creating it when needed:
+ *   pairs are separated by '&'; empty pairs are skipped; a pair without '='
+ *   is a name with the empty value; '+' is a space; "%XY" with two hex digits
+ *   is that byte; a '%' not followed by two hex digits is kept as it is (with
+ *   one log line per line parsed); a repeated name keeps its last value.
+ * Returns the number of pairs stored (>= 0). Returns -1 and stores nothing
+ * (the parameter table is left as it was) when `state` or `line` is null
+ * (MERO_ERR_INVALID_ARGUMENT), the line exceeds MERO_CGI_MAX_PARAM_LINE_BYTES
+ * or holds more than MERO_CGI_MAX_PARAMS pairs (MERO_ERR_REQUEST_TOO_LARGE),
+ * a name or value decodes to a NUL byte, which no C text could carry
+ * (MERO_ERR_REQUEST_MALFORMED), or memory runs out (MERO_ERR_NO_MEMORY);
+ * each refusal writes a log line. */
+MERO_EXPORT int MeroCgiParseCGIParam(MEROCGI_STATE* state, const char* line);
+
+/* Value of parameter `name`: from the parameter table; on a POST, a name
+ * that the table lacks is looked up in the query string as well (the body
+ * wins). `def` when neither has it or an argument is null. */
+MERO_EXPORT const char* MeroCgiGetCGIParam(MEROCGI_STATE* state, const char* name,
+                                           const char* def);
+
+/* Stores a copy of `value` under `name` in the parameter table, creating the
+ * table (capacity 256) when needed. 1 on success; 0 with errno set (EINVAL for
+ * a null argument, ENOMEM). */
+MERO_EXPORT int MeroCgiSetCGIParam(MEROCGI_STATE* state, const char* name, const char* value);
+
+/* 1 when the request body is a file upload: a POST whose CONTENT_TYPE is
+ * multipart/form-data (letter case ignored); 0 otherwise. */
+MERO_EXPORT int MeroCgiIsUploadRequest(void);
+
+/* ---- cookies ------------------------------------------------------------- */
+
+/* Parses HTTP_COOKIE into the state's request cookies, per RFC 6265 section
+ * 5.4 as browsers send it: pairs separated by ';', blanks around them
+ * ignored, the name up to the first '=', a value in double quotes loses the
+ * quotes, no percent-decoding. Where a name repeats, the first pair wins
+ * (browsers list the most specific cookie first). Pairs without '=' or a
+ * name, and pairs with a control byte (0x00-0x1F, 0x7F), are skipped, with
+ * one log line per header. A header longer than
+ * MERO_CGI_MAX_COOKIE_HEADER_BYTES loads nothing (log line,
+ * MERO_ERR_REQUEST_TOO_LARGE).
+ * Returns the number of cookies loaded (0 when there is no header), or -1
+ * for a null state, a refused header or no memory. Replaces cookies loaded
+ * before. */
+MERO_EXPORT int MeroCgiLoadInCookies(MEROCGI_STATE* state);
+
+/* Value of request cookie `name`, or `def`. */
+MERO_EXPORT const char* MeroCgiGetInCookies(MEROCGI_STATE* state, const char* name,
+                                            const char* def);
+
+/* ---- UI language --------------------------------------------------------- */
+
+/* The request's UI language, one of the languages offered (BCP 47 tags):
+ *   en de fr it es nl pl pt ru ja ko zh-CN zh-TW
+ * namely the parameter
+ * "lang", else the cookie "lang", when it names a supported language (letter
+ * case ignored); else the best match of HTTP_ACCEPT_LANGUAGE (highest q
+ * first, ties in header order; an exact tag before a primary-subtag match,
+ * so de-AT gives de); else "en". Computed once per state and cached; static
+ * text, never null for a non-null state (null state: null). */
+MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
+
+MERO_EXTERN_C_END
+
+#endif /* MEROCGI_H */

@@ -1,0 +1,74 @@
+// The state of one request context. Internal: the public header only
+// forward-declares this class. Members in the order the context is built.
+#ifndef WEBAPI_CGI_WEBCGIPRIVATE_H
+#define WEBAPI_CGI_WEBCGIPRIVATE_H
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <string>
+
+#include "merocgi.h"
+
+namespace MERO {
+
+// Bits of WebCGIPrivate::loginFlags.
+enum LoginFlag : uint32_t {
+  kLoginAdmin = 1,
+  kLoginLocal = 2,
+  kLoginDomain = 4,
+  kLoginLdap = 8,
+  kLoginAllCategories = 15,
+  kLoginErrorLogOff = 16,
+};
+
+// Frees the platform CGI state on every path, including a constructor that
+// throws after the state was initialised. MeroCgiFree zeroes the state, so
+// the explicit free in ~WebCGIPrivate and this one never free twice.
+struct CgiStateHolder {
+  MEROCGI_STATE state{};
+  CgiStateHolder() = default;
+  CgiStateHolder(const CgiStateHolder&) = delete;
+  CgiStateHolder& operator=(const CgiStateHolder&) = delete;
+  ~CgiStateHolder() { MeroCgiFree(&state); }
+};
+
+class WebCGIPrivate {
+ public:
+  explicit WebCGIPrivate(const char* sessionName);
+  ~WebCGIPrivate();
+  WebCGIPrivate(const WebCGIPrivate&) = delete;
+  WebCGIPrivate& operator=(const WebCGIPrivate&) = delete;
+
+  void SetSessionName(const char* name, bool init);
+  void SetErrorLog(bool enable);
+  bool LoadJSONParam(char* line);
+
+  MEROCGI_STATE* State() { return &cgiState.state; }
+
+  Json::Value jsonParams;
+  CgiStateHolder cgiState;
+  std::string contentType = "text/plain; charset=\"UTF-8\"";
+  std::string loginUser;
+  std::string privilege;
+  Json::Value appPortals;
+  std::string sessionName;
+  bool paramsLoaded = false;
+  uint32_t loginFlags = kLoginAllCategories;
+  std::string sharingId;
+  std::string sharingSid;
+  // TODO: sharingEntry, sharingSession and sharingToken join here with the
+  // sharing library; until then no request is a sharing request.
+  bool sharingURLLoaded = false;
+  std::string sharingURL;
+  int sharingURLType = 4;
+  bool urlLoaded = false;
+  std::string host;
+  int port = 0;
+  std::string protocol;
+  Json::Value allowUsers;
+};
+
+}  // namespace MERO
+
+#endif  // WEBAPI_CGI_WEBCGIPRIVATE_H

@@ -1,0 +1,75 @@
+#include "JsonSkim.h"
+
+namespace MERO {
+namespace detail {
+namespace {
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+// Skips a comment starting at text[i] == '/'; returns the index after it.
+size_t SkipComment(const char* text, size_t length, size_t i) {
+  if (i + 1 < length && text[i + 1] == '/') {
+    while (i < length && text[i] != '\n') ++i;
+    return i;
+  }
+  if (i + 1 < length && text[i + 1] == '*') {
+    for (i += 2; i + 1 < length; ++i)
+      if (text[i] == '*' && text[i + 1] == '/') return i + 2;
+    return length;
+  }
+  return i;  // a lone '/': not a comment
+}
+
+bool IsPunctuation(char c) {
+  return c == '/' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == ',' || c == ':';
+}
+
+}  // namespace
+
+JsonOutline SkimJson(const char* text, size_t length) {
+  JsonOutline outline;
+  int depth = 0;
+  bool documentDone = false;  // ... and ended
+  for (size_t i = 0; i < length;) {
+    const char c = text[i];
+    if (IsBlank(c)) {
+      ++i;
+      continue;
+    }
+    if (c == '/') {
+      const size_t after = SkipComment(text, length, i);
+      if (after != i) {
+        i = after;
+        continue;
+      }
+    }
+    if (documentDone) {
+      outline.trailingText = true;
+      return outline;
+    }
+    if (c == '"') {
+      for (++i; i < length && text[i] != '"'; ++i)
+        if (text[i] == '\\') ++i;
+      ++i;
+      if (depth == 0) documentDone = true;
+      continue;
+    }
+    if (c == '[' || c == '{') {
+      if (++depth > outline.maxDepth) outline.maxDepth = depth;
+    } else if (c == ']' || c == '}') {
+      if (--depth <= 0) {
+        depth = 0;
+        documentDone = true;
+      }
+    } else if (depth == 0) {  // a scalar root: runs to the next blank, comment or punctuation
+      while (i < length && !IsBlank(text[i]) && !IsPunctuation(text[i])) ++i;
+      documentDone = true;
+      continue;
+    }
+    ++i;
+  }
+  return outline;
+}
+
+}  // namespace detail
+}  // namespace MERO

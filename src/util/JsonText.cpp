@@ -1,0 +1,24 @@
+#include "JsonText.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include "JsonSkim.h"
+#include "webapi/JsonValue.h"
+
+namespace MERO {
+namespace detail {
+
+bool ReaderParse(const char* text, size_t length, Json::Value& value, bool collectComments) {
+  if (SkimJson(text, length).maxDepth > JsonValue::kMaxJsonDepth) return false;
+  Json::Reader reader;
+  return reader.parse(text, text + length, value, collectComments);
+}
+
+std::string FastWrite(const Json::Value& value) {
+  Json::FastWriter writer;
+  return writer.write(value);
+}
+
+}  // namespace detail
+}  // namespace MERO
