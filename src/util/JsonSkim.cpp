@@ -6,18 +6,23 @@ namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-// Skips a comment starting at text[i] == '/'; returns the index after it.
+constexpr size_t kNotAComment = static_cast<size_t>(-1);
+constexpr size_t kUnclosedComment = static_cast<size_t>(-2);
+
+// Skips a comment starting at text[i] == '/' and returns the index after it:
+// kNotAComment for a lone '/', kUnclosedComment for a "/*" never closed. A
+// "//" comment ends at a line feed or a carriage return, as in jsoncpp.
 size_t SkipComment(const char* text, size_t length, size_t i) {
   if (i + 1 < length && text[i + 1] == '/') {
-    while (i < length && text[i] != '\n') ++i;
+    while (i < length && text[i] != '\n' && text[i] != '\r') ++i;
     return i;
   }
   if (i + 1 < length && text[i + 1] == '*') {
     for (i += 2; i + 1 < length; ++i)
       if (text[i] == '*' && text[i + 1] == '/') return i + 2;
-    return length;
+    return kUnclosedComment;
   }
-  return i;  // a lone '/': not a comment
+  return kNotAComment;
 }
 
 bool IsPunctuation(char c) {
@@ -38,7 +43,11 @@ JsonOutline SkimJson(const char* text, size_t length) {
     }
     if (c == '/') {
       const size_t after = SkipComment(text, length, i);
-      if (after != i) {
+      if (after == kUnclosedComment) {  // not JSON, whatever the parser makes of it
+        outline.trailingText = true;
+        return outline;
+      }
+      if (after != kNotAComment) {
         i = after;
         continue;
       }
