@@ -1,0 +1,85 @@
+// Parameters of a GET request, in-process (POST bodies come from stdin and
+// are tested with a child process).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "ApplianceRootEnv.h"
+#include "WebCGIPeer.h"
+
+namespace {
+
+class WebCGIParamsTest : public webapi_test::ApplianceRootTest {
+ protected:
+  static void Get(const char* query) {
+    setenv("REQUEST_METHOD", "GET", 1);
+    setenv("QUERY_STRING", query, 1);
+  }
+};
+
+TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
+  struct Case {
+    const char* query;
+    bool jsonReturned;  // In() non-null
+    const char* version;  // In("version", null)
+  };
+  const Case cases[] = {
+      {R"({"api":"x","version":1})", true, nullptr},
+      {"api=x&version=1", false, "1"},
+      {"[]", false, nullptr},
+      {"{}", false, nullptr},
+      {"7", false, nullptr},  // a JSON scalar: no form parameters either
+      {R"({"version":)", false, nullptr},  // looks like JSON, is not: read as a form
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.query);
+    Get(c.query);
+    MERO::WebCGI cgi("zel", true);
+    EXPECT_EQ(cgi.In() != nullptr, c.jsonReturned);
+    if (c.version) {
+      EXPECT_STREQ(cgi.In("version", nullptr), c.version);
+    } else {
+      EXPECT_EQ(cgi.In("version", nullptr), nullptr);
+    }
+    EXPECT_TRUE(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded);
+  }
+  Get(R"({"api":"x","version":1})");
+  MERO::WebCGI cgi("zel", true);
+  EXPECT_EQ((*cgi.In())["api"].asString(), "x");
+  EXPECT_EQ(cgi.In("api", "none"), std::string("none"));  // JSON members are not form parameters
+}
+
+TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
+  MERO::WebCGI empty("zel", true);
+  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(empty).paramsLoaded);
+  Get("a=1");
+  EXPECT_TRUE(empty.LoadIn());  // a later call tries again
+  EXPECT_STREQ(empty.In("a", nullptr), "1");
+  Get("a=2");
+  EXPECT_FALSE(empty.LoadIn());
+  EXPECT_STREQ(empty.In("a", nullptr), "1");
+
+  MERO::WebCGI notLoaded("zel", false);
+  EXPECT_EQ(notLoaded.In("a", nullptr), nullptr);
+}
+
+TEST_F(WebCGIParamsTest, SetInCreatesTheTableAndWinsOverTheLine) {
+  MERO::WebCGI cgi("zel", false);
+  EXPECT_EQ(MERO::WebCGITestPeer::Priv(cgi).State()->paramTable, nullptr);
+  ASSERT_TRUE(cgi.SetIn("a", "1"));
+  EXPECT_STREQ(cgi.In("a", nullptr), "1");
+  ASSERT_TRUE(cgi.SetIn("a", "2"));
+  EXPECT_STREQ(cgi.In("a", nullptr), "2");
+  EXPECT_EQ(cgi.In(), nullptr);
+}
+
+TEST_F(WebCGIParamsTest, UploadsLeaveTheirParametersToTheUploadPath) {
+  setenv("REQUEST_METHOD", "POST", 1);
+  setenv("CONTENT_TYPE", "Multipart/Form-Data; boundary=x", 1);
+  setenv("QUERY_STRING", "a=1", 1);
+  MERO::WebCGI cgi("zel", true);
+  EXPECT_TRUE(cgi.IsUploadRequest());
+  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded);
+}
+
+}  // namespace

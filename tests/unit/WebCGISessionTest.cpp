@@ -1,0 +1,151 @@
+// Session configuration from the auth file of a session name, under a
+// temporary appliance root.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ApplianceRootEnv.h"
+#include "WebCGIPeer.h"
+
+namespace {
+
+using MERO::WebCGITestPeer;
+using webapi_test::WriteRootFile;
+
+class WebCGISessionTest : public webapi_test::ApplianceRootTest {
+ protected:
+  static void WriteAuth(const std::string& name, const std::string& json) {
+    WriteRootFile("usr/mero/meroman/webapi/" + name + ".auth", json);
+  }
+  static void WriteApplianceConf(const std::string& text) { WriteRootFile("etc/meroinfo.conf", text); }
+};
+
+TEST_F(WebCGISessionTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
+  MERO::WebCGI cgi("NoSuchApp", false);
+  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  EXPECT_EQ(p.sessionName, "zel");
+  EXPECT_TRUE(p.privilege.empty());
+  EXPECT_TRUE(p.appPortals.isNull());
+  EXPECT_EQ(p.loginFlags, 15u);
+  EXPECT_EQ(p.State()->sessionTimeout, MERO_CGI_DEFAULT_SESSION_TIMEOUT);
+  EXPECT_STREQ(p.State()->registry, MERO_CGI_DEFAULT_REGISTRY);
+}
+
+TEST_F(WebCGISessionTest, NamesAreFoldedForFilesButKeptAsGiven) {
+  WriteAuth("myapp", R"({"timeout": 45, "privilege": "portal_admin"})");
+  MERO::WebCGI cgi("MyApp", false);
+  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  EXPECT_EQ(p.sessionName, "MyApp");
+  EXPECT_STREQ(p.State()->registry, "myapp.current.users");
+  EXPECT_EQ(p.State()->sessionTimeout, 45);
+  EXPECT_EQ(p.privilege, "portal_admin");
+  ASSERT_TRUE(p.appPortals.isArray());
+  Json::Value portals(Json::arrayValue);
+  portals.append("portal_admin");
+  EXPECT_EQ(p.appPortals, portals);
+
+  WriteAuth("zel", "{}");
+  MERO::WebCGI nullName(nullptr, false);
+  EXPECT_EQ(WebCGITestPeer::Priv(nullName).sessionName, "zel");
+  EXPECT_STREQ(WebCGITestPeer::Priv(nullName).State()->registry, "zel.current.users");
+}
+
+TEST_F(WebCGISessionTest, TimeoutIsMappedFromTheAuthFile) {
+  struct Case {
+    const char* json;
+    int want;
+  };
+  const Case cases[] = {{R"({"timeout":-1})", 0},       {R"({"timeout":-7})", -1},
+                        {R"({"timeout":0})", 10080},     {R"({"timeout":45})", 45},
+                        {R"({"timeout":"30"})", 10080},  {R"({})", 10080},
+                        {R"({"timeout":12.9})", 12},     {R"({"timeout":1e30})", 2147483647},
+                        {R"({"timeout":99999999999})", 2147483647}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.json);
+    WriteAuth("app", c.json);
+    MERO::WebCGI cgi("app", false);
+    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, c.want);
+  }
+}
+
+TEST_F(WebCGISessionTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetting) {
+  struct Case {
+    const char* json;
+    const char* conf;  // null: no appliance settings file
+    int wantSkip;
+  };
+  const Case cases[] = {
+      {R"({"ip_checking":true})", "skip_checksrcip=\"yes\"\n", 0},
+      {R"({"ip_checking":false})", nullptr, 1},
+      {R"({"ip_checking":"true"})", "skip_checksrcip=\"yes\"\n", 1},
+      {R"({"ip_checking":"true"})", "skip_checksrcip=\"no\"\n", 0},
+      {R"({})", "# comment\nother=\"x\"\nskip_checksrcip=no\n", 0},
+      {R"({})", "skip_checksrcip=\"YES\"\n", 0},  // exactly "yes"
+      {R"({})", "other=\"1\"\n", 1},              // key missing: no check
+      {R"({})", nullptr, 1},                      // file missing: no check
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.json) + " / " + (c.conf ? c.conf : "no file"));
+    std::filesystem::remove(root() / "etc/meroinfo.conf");
+    if (c.conf) WriteApplianceConf(c.conf);
+    WriteAuth("app", c.json);
+    MERO::WebCGI cgi("app", false);
+    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->skipCheckIP, c.wantSkip);
+  }
+}
+
+TEST_F(WebCGISessionTest, AppPortalsAndWrongTypesCountAsAbsent) {
+  WriteAuth("app", R"({"privilege":"portal_admin","app_portals":[]})");
+  MERO::WebCGI withEmpty("app", false);
+  EXPECT_EQ(WebCGITestPeer::Priv(withEmpty).appPortals, Json::Value(Json::arrayValue));
+
+  WriteAuth("app", R"({"privilege":7,"app_portals":"x","ip_checking":1})");
+  MERO::WebCGI wrongTypes("app", false);
+  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(wrongTypes);
+  EXPECT_TRUE(p.privilege.empty());
+  EXPECT_TRUE(p.appPortals.isNull());
+  EXPECT_EQ(p.sessionName, "app");
+
+  WriteAuth("app", R"([1,2])");  // JSON, but not an object: every key absent
+  MERO::WebCGI notObject("app", false);
+  EXPECT_EQ(WebCGITestPeer::Priv(notObject).sessionName, "app");
+  EXPECT_EQ(WebCGITestPeer::Priv(notObject).State()->sessionTimeout, 10080);
+
+  WriteAuth("app", R"({"timeout": )");  // not JSON: the platform defaults under "zel"
+  MERO::WebCGI broken("app", false);
+  EXPECT_EQ(WebCGITestPeer::Priv(broken).sessionName, "zel");
+}
+
+TEST_F(WebCGISessionTest, OverlongNameFallsBackToZel) {
+  WriteAuth("zel", R"({"timeout": 77})");
+  MERO::WebCGI cgi(std::string(4066, 'a').c_str(), false);
+  EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "zel");
+  EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, 77);
+}
+
+TEST_F(WebCGISessionTest, LaterSettersAndRenamesInteractAsDocumented) {
+  WriteAuth("zel", R"({"timeout": 60, "privilege": "p"})");
+  MERO::WebCGI cgi("zel", false);
+  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+
+  cgi.SetErrorLog(false);
+  EXPECT_EQ(p.loginFlags, 15u | 16u);
+  cgi.SetErrorLog(true);
+  EXPECT_EQ(p.loginFlags, 15u);
+
+  cgi.SetCgiTimeout(30);
+  cgi.SetSkipCheckIP(true);
+  EXPECT_EQ(p.State()->sessionTimeout, 30);
+  cgi.SetErrorLog(false);
+  cgi.SetSessionName("zel");  // re-reads the file: its time-out wins again
+  EXPECT_EQ(p.State()->sessionTimeout, 60);
+  EXPECT_EQ(p.loginFlags, 15u);
+
+  cgi.SetCgiTimeout(30);
+  cgi.SetSessionName("Missing");  // no file: only the name changes
+  EXPECT_EQ(p.sessionName, "zel");
+  EXPECT_EQ(p.State()->sessionTimeout, 30);
+  EXPECT_EQ(p.privilege, "p");
+}
+
+}  // namespace
