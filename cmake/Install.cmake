@@ -37,6 +37,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
 
 # pkg-config: webapi.pc always; merocore.pc and merocgi.pc name the library
 # that holds those symbols (libwebapi itself unless the platform is split).
+# The prefix is found relative to the .pc file, so a staged or relocated
+# install works as well as the configured prefix.
+file(RELATIVE_PATH webapi_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 function(webapi_pkgconfig name description requires libname)
   set(PC_NAME ${name})
   set(PC_DESCRIPTION ${description})

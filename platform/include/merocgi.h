@@ -167,8 +167,8 @@ MERO_EXPORT const char* MeroCgiGetInCookies(MEROCGI_STATE* state, const char* na
  * namely the parameter
  * "lang", else the cookie "lang", when it names a supported language (letter
  * case ignored); else the best match of HTTP_ACCEPT_LANGUAGE (highest q
- * first, ties in header order; an exact tag before a primary-subtag match,
- * so de-AT gives de); else "en". Computed once per state and cached; static
+ * first, ties in header order; a tag matches a language exactly, else by its
+ * primary subtag, so de-AT gives de and zh gives zh-CN); else "en". Computed once per state and cached; static
  * text, never null for a non-null state (null state: null). */
 MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
 

@@ -74,19 +74,14 @@ const char* FromAcceptLanguage(const char* header) {
       ranked[count++] = {Supported(tag, tagLength), SamePrimary(tag, tagLength), weight};
     item = itemEnd + 1;
   }
-  // Highest weight wins; within a weight, header order, and an exact match of
-  // any tag before a primary-subtag match.
+  // Highest weight wins; within a weight, header order.
   const char* best = nullptr;
   int bestWeight = 0;
-  bool bestExact = false;
   for (int i = 0; i < count; ++i) {
     const char* candidate = ranked[i].exact ? ranked[i].exact : ranked[i].primary;
-    if (!candidate) continue;
-    const bool exact = ranked[i].exact != nullptr;
-    if (!best || ranked[i].weight > bestWeight || (ranked[i].weight == bestWeight && exact && !bestExact)) {
+    if (candidate && ranked[i].weight > bestWeight) {
       best = candidate;
       bestWeight = ranked[i].weight;
-      bestExact = exact;
     }
   }
   return best;
