@@ -44,7 +44,7 @@ JsonOutline SkimJson(const char* text, size_t length) {
     if (c == '/') {
       const size_t after = SkipComment(text, length, i);
       if (after == kUnclosedComment) {  // not JSON, whatever the parser makes of it
-        outline.trailingText = true;
+        outline.notOneDocument = true;
         return outline;
       }
       if (after != kNotAComment) {
@@ -53,7 +53,7 @@ JsonOutline SkimJson(const char* text, size_t length) {
       }
     }
     if (documentDone) {
-      outline.trailingText = true;
+      outline.notOneDocument = true;
       return outline;
     }
     if (c == '"') {
@@ -77,6 +77,9 @@ JsonOutline SkimJson(const char* text, size_t length) {
     }
     ++i;
   }
+  // jsoncpp's Reader can stop inside what is left open (after a comment in
+  // an object it accepts text up to a later closing bracket).
+  if (depth != 0) outline.notOneDocument = true;
   return outline;
 }
 

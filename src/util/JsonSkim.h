@@ -12,7 +12,9 @@ namespace detail {
 
 struct JsonOutline {
   int maxDepth = 0;          // deepest nesting of [ and { outside strings
-  bool trailingText = false;  // something other than blanks/comments after the document
+  // Not exactly one document: text other than blanks and comments after it,
+  // brackets that do not balance, or a comment never closed.
+  bool notOneDocument = false;
 };
 
 // Outline of `text`. Strings, escapes and comments (// and /* */) are skipped

@@ -12,7 +12,7 @@ namespace JsonValue {
 bool fromString(Json::Value& value, const std::string& text) {
   const detail::JsonOutline outline = detail::SkimJson(text.data(), text.size());
   Json::Reader reader;
-  if (outline.maxDepth > kMaxJsonDepth || outline.trailingText ||
+  if (outline.maxDepth > kMaxJsonDepth || outline.notOneDocument ||
       !reader.parse(text.data(), text.data() + text.size(), value, false)) {
     value = Json::Value();
     return false;

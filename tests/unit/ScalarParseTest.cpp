@@ -77,6 +77,7 @@ TEST(JsonValueTest, FromStringTakesOneWholeDocumentAndNeverHalfAValue) {
       {R"({"a":[1,2,{"b":null}]})", true}, {"7", true}, {R"("s")", true}, {"[] ", true},
       {"/* c */ {\"a\":1} // end", true},  {"", false}, {"{} x", false}, {"7]", false},
       {"//c\r7", true}, {"{\"a\":1} //\r]]]", false}, {"{\"a\":1} /* never closed", false},
+      {"{\"a\":1 // c\n{\"b\":2 // d\n}", false},  // jsoncpp's Reader alone accepts this
       {R"({"a":)", false},                 {"[1,2", false}, {R"({"a":1}{"b":2})", false},
       {std::string(600, '[') + std::string(600, ']'), false},  // deeper than kMaxJsonDepth
       {std::string(100000, '['), false},                        // would make jsoncpp throw
