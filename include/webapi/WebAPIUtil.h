@@ -6,7 +6,14 @@
 
 #include <json/value.h>
 
+#include <string>
+#include <vector>
+
 #include "webapi/Export.h"
+
+// The platform's string list and hash (merocore.h), by name only.
+typedef struct _tag_MLIBSZLIST MLIBSZLIST;
+typedef struct _tag_MLIBSZHASH MLIBSZHASH;
 
 namespace MERO {
 namespace WebAPIUtil {
@@ -70,6 +77,64 @@ WEBAPI_EXPORT bool ParseBool(const char* text, bool* value);
 //   false  the variable is unset (`buf` untouched), or `buf`/`size` unusable,
 //          or formatting failed (logged: "%s:%d snprintf failed. %m").
 WEBAPI_EXPORT bool GetEnv(const char* name, char* buf, int size);
+
+// ---- String lists and JSON collections -------------------------------------
+//
+// Stateless and re-entrant: no static buffers, results by value or through
+// the object passed in.
+
+// True when `array` is an array holding the JSON string `text` (jsoncpp
+// equality: same type, same bytes, so case-sensitive). False for a non-array.
+WEBAPI_EXPORT bool JsonArrayHasString(const Json::Value& array, const std::string& text);
+
+// True when an element of `array` matches `needle`: compared as the needle's
+// type (integer, unsigned, real, string, boolean) when jsoncpp's
+// isConvertibleTo accepts the element for it; strings compare without regard
+// to ASCII case. With `strict`, only elements of the needle's own type can
+// match. A null, array or object needle never matches; a non-array gives
+// false. With a string needle and `strict` off, numbers, booleans and null
+// elements are skipped (they have no text of their own to compare).
+WEBAPI_EXPORT bool JsonArrayHas(Json::Value& array, Json::Value needle, bool strict);
+
+// Splits `text` at any character of `delimiters` into a JSON array of
+// strings. A backslash before a backslash or before the first delimiter
+// character escapes it (the backslash is dropped); before anything else it
+// stays. With `trim`, " \t\n\r" is removed from both ends of each token.
+// Empty tokens are dropped. A null text or delimiter set gives [].
+WEBAPI_EXPORT Json::Value ParseToArray(const char* text, const char* delimiters, bool trim);
+WEBAPI_EXPORT Json::Value ParseToArray(const char* text, const char* delimiters);  // trims
+
+// The list's items as a JSON array of strings ([] for a null or empty list;
+// a null item, which the platform never stores, is skipped).
+WEBAPI_EXPORT Json::Value SzListToArray(MLIBSZLIST* list);
+
+// Stores every member of `object` whose value converts to a string (strings,
+// numbers, booleans; null as "") into *hash, in member order; arrays and
+// objects are skipped, failed stores ignored. False, with nothing done, when
+// `object` is not an object or `hash` or *hash is null (this never creates a
+// hash). *hash may be replaced as the hash grows.
+WEBAPI_EXPORT bool JsonObjToSzHash(Json::Value& object, MLIBSZHASH** hash);
+
+// Sets a string member of `object` for every pair of `hash`, replacing members
+// of the same name and keeping the others. False, `object` unchanged, when
+// `hash` is null or `object` is not already an object.
+WEBAPI_EXPORT bool SzHashToJsonObj(MLIBSZHASH* hash, Json::Value& object);
+
+// Splits `text` at runs of `delimiters` (strtok_r semantics): no empty
+// tokens; an embedded NUL ends the text; an empty delimiter set gives the
+// whole text.
+WEBAPI_EXPORT std::vector<std::string> StringExplode(const std::string& text,
+                                                     const std::string& delimiters);
+
+// Joins `parts` with `glue` between neighbours (null glue: "").
+WEBAPI_EXPORT std::string StringImplode(const std::vector<std::string>& parts, const char* glue);
+
+// True for "", null, [] and {}; never for numbers or booleans.
+WEBAPI_EXPORT bool IsEmpty(const Json::Value& value);
+
+// The JSON document in `text` (JsonValue::fromString), or null with the log
+// line "%s:%d %s is not JSON format".
+WEBAPI_EXPORT Json::Value ParseJson(const std::string& text);
 
 }  // namespace WebAPIUtil
 }  // namespace MERO
