@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(webapi_install_targets webapi)
 if(WEBAPI_SPLIT_PLATFORM)
-  list(APPEND webapi_install_targets merocore merocgi)
+  list(APPEND webapi_install_targets merocore merocgi zel)
 endif()
 
 install(TARGETS ${webapi_install_targets}
@@ -23,6 +23,7 @@ install(FILES
   platform/include/mero_export.h
   platform/include/merocgi.h
   platform/include/merocore.h
+  platform/include/zel.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero)
 
 install(EXPORT webapiTargets NAMESPACE webapi:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)

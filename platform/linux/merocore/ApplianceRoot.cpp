@@ -35,7 +35,7 @@ const char* ResolveRoot() {
   if (fromEnv && *fromEnv) {
     if (NormaliseRoot(fromEnv, root)) return root;
     syslog(LOG_ERR, "%s:%d MERO_APPLIANCE_ROOT is not a usable absolute path; using the default",
-           "ApplianceRoot.cpp", __LINE__);
+           "merocore", __LINE__);
   }
   if (!NormaliseRoot(MERO_DEFAULT_APPLIANCE_ROOT, root)) root[0] = '\0';
   return root;

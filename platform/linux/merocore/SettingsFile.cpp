@@ -69,7 +69,7 @@ int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
     }
     const size_t copyLen = std::strlen(value);
     if (copyLen >= static_cast<size_t>(size)) {
-      syslog(LOG_ERR, "%s:%d value of %s in %s cut to %d bytes", "SettingsFile.cpp", __LINE__, key,
+      syslog(LOG_ERR, "%s:%d value of %s in %s cut to %d bytes", "merocore", __LINE__, key,
              file, size - 1);
     }
     std::snprintf(buf, static_cast<size_t>(size), "%s", value);
