@@ -17,7 +17,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 mkdir -p "$build/fuzz-artifacts" "$build/fuzz-logs" || exit 2
 
 failed=0
-for name in param_line cookie_header json_params string_list; do
+for name in param_line cookie_header json_params origin string_list; do
   binary="$build/fuzz/fuzz_$name"
   log="$build/fuzz-logs/$name.log"
   if [ ! -x "$binary" ]; then

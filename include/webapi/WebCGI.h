@@ -18,6 +18,8 @@
 
 #include <json/value.h>
 
+#include <string>
+
 #include "webapi/Export.h"
 
 namespace MERO {
@@ -85,6 +87,71 @@ class WEBAPI_EXPORT WebCGI {
   // True when the request body is a multipart file upload; its parameters
   // arrive with the upload, not through LoadIn.
   bool IsUploadRequest();
+
+ // ---- response out ----
+  // Headers and cookies collect in the context until WriteHeader prints the
+  // header block, once per request; what is added later is not sent. A name
+  // or value that holds a CR, LF, NUL or other control byte (or is otherwise
+  // not valid in a header, see merocgi.h) is refused with a log line and
+  // never stored, whatever its source.
+
+  // Records response header `name`. Non-zero when stored, 0 when refused.
+  int AddHeader(const char* name, const char* value);
+  // Records cookie `name` = `value` for `path` (null: "/"): HttpOnly,
+  // SameSite=Strict, Secure on https, a session cookie (MeroCgiSetCookies).
+  // True when stored; false when refused.
+  bool AddCookieToHeader(const char* path, const char* name, const char* value);
+  // Sets "Content-type" to `contentType` and prints the header block.
+  //   true   printed.
+  //   false  the content type was refused (nothing printed), or the block
+  //          was printed before or could not be written.
+  bool WriteHeader(const char* contentType);
+  // Prints `body` as one line of compact JSON ended by a line feed. Always
+  // true. Call after WriteHeader.
+  bool WriteBody(Json::Value& body);
+  // Stores the default content type for the caller (null: ""); the library
+  // itself always passes its content type to WriteHeader.
+  void SetDefaultContentType(const char* type);
+  // Answers with "Status: 302 Found" and "Location: url" (printed now).
+  // Non-zero when printed; 0 when the URL is refused (nothing printed).
+  int Redirect(const char* url);
+  // The headers recorded so far, name to value. Failures are logged and give
+  // what was collected (an empty object).
+  Json::Value GetHeaders();
+  // The same, through the platform's JSON rendering ({} when none).
+  Json::Value GetSetHeaders();
+  // The cookies recorded so far, name to the Set-Cookie value ({} when none).
+  Json::Value GetSetCookies();
+  // Adds the security headers that `options` selects (the format is in
+  // zel.h; for example "default"). An empty text adds nothing.
+  void AddSecurityHeaders(const std::string& options);
+
+  // ---- request origin ----
+  // "https" when the browser used https (HTTPS=on, or HTTP_X_FORWARDED_PROTO
+  // =https from a proxy; neither can turn https back into http), else
+  // "http". Protocol, host and port are derived once per request.
+  std::string GetURLProto();
+  // Splits an absolute http:// or https:// URL (scheme in lower case) into
+  // host and port text. The port is the scheme's default ("80", "443")
+  // unless the URL names one (even empty); an IPv6 host keeps its brackets.
+  // Nothing after the first "/" counts, and nothing else (user information,
+  // "?", "#") is recognised. False, outputs untouched, for another scheme;
+  // false for an unclosed "[" (the port output then holds the default).
+  bool ParseHostAndPort(const std::string& url, std::string& host, std::string& port);
+  // True when the Host header and the Referer name the same host and port,
+  // compared byte for byte (case and "080" vs "80" differ). False when either
+  // header is missing or longer than 4095 bytes, when the Referer is not
+  // http(s), or when either side holds user information ('@') or a port that
+  // is not a number from 1 to 65535: never "same" on text that cannot be an
+  // origin.
+  bool IsSameDomainAndPort();
+  // True when the request came through an application portal (REWRITE_APP
+  // set, even empty).
+  bool IsAppPortal();
+  // True unless the request came through a portal that the session
+  // configuration's app_portals does not list (names compared ignoring case;
+  // no list admits every portal).
+  bool IsAppPortalMapping();
 
  private:
   friend class WebAPI;

@@ -160,6 +160,67 @@ MERO_EXPORT int MeroCgiLoadInCookies(MEROCGI_STATE* state);
 MERO_EXPORT const char* MeroCgiGetInCookies(MEROCGI_STATE* state, const char* name,
                                             const char* def);
 
+/* ---- response ------------------------------------------------------------ */
+
+/* Nothing from the request or a handler reaches the header block unchecked:
+ * every name and value is tested where it is recorded, and a refused one is
+ * never stored (one log line, MERO_ERR_REQUEST_MALFORMED). Rules:
+ *   header name   an RFC 9110 token (letters, digits, !#$%&'*+-.^_`|~), at
+ *                 most MERO_CGI_MAX_HEADER_NAME_BYTES;
+ *   header value  no control byte but tab (so no CR, LF or NUL), at most
+ *                 MERO_CGI_MAX_HEADER_VALUE_BYTES;
+ *   cookie name   an RFC 6265 token; cookie value: cookie-octets (no blank,
+ *                 '"', ',', ';', '\\' or control byte), optionally in double
+ *                 quotes; path: printable, no ';'; domain: letters, digits,
+ *                 '-' and '.'. */
+#define MERO_CGI_MAX_HEADER_NAME_BYTES 256
+#define MERO_CGI_MAX_HEADER_VALUE_BYTES 8192
+/* Most headers and most cookies a response records (each). */
+#define MERO_CGI_MAX_RESPONSE_HEADERS 256
+
+/* Records response header `name` with `value` in headerTable (created on
+ * first use). A name already recorded, in any letter case, gets the new
+ * value under its first spelling. 1 on success; 0 when an argument is null,
+ * the name or value is refused (see above), the table is full, or memory
+ * runs out. */
+MERO_EXPORT int MeroCgiSetHTTPHeader(MEROCGI_STATE* state, const char* name, const char* value);
+
+/* Flags of MeroCgiSetCookies; 0 gives the safe defaults: HttpOnly,
+ * SameSite=Strict, and Secure when the request came over https (HTTPS=on,
+ * or HTTP_X_FORWARDED_PROTO=https from a proxy that ended TLS). */
+#define MERO_COOKIE_SCRIPT_READABLE 1 /* no HttpOnly */
+#define MERO_COOKIE_SAMESITE_LAX 2    /* SameSite=Lax instead of Strict */
+
+/* Records a cookie to set, in setCookieTable under its name (a second call
+ * for the same name replaces it). It is printed as
+ *   Set-Cookie: name=value[; Max-Age=N]; Path=path[; Domain=d][; Secure]
+ *               [; HttpOnly]; SameSite=Strict|Lax
+ * `maxAge` > 0 gives Max-Age=maxAge, 0 a session cookie, < 0 deletes the
+ * cookie (Max-Age=0). A null or empty `path` means "/"; a null or empty
+ * `domain` a host-only cookie. Returns 1 on success, 0 when the name, value,
+ * path or domain is refused (see above) or memory runs out. */
+MERO_EXPORT int MeroCgiSetCookies(MEROCGI_STATE* state, const char* name, const char* value,
+                                  int maxAge, const char* path, int flags, const char* domain);
+
+/* Prints the header block to standard output: every recorded header as
+ * "Name: value" in the order first recorded, then one Set-Cookie line per
+ * cookie, each line ended by CR LF, then an empty line. Once per state:
+ * returns 1 when printed, 0 when it was printed before (nothing is printed
+ * again), the state is null, or writing failed. */
+MERO_EXPORT int MeroCgiPrintHTTPHeader(MEROCGI_STATE* state);
+
+/* Answers with a redirection: records "Status: 302 Found" and
+ * "Location: url" and prints the header block. `url` must be a valid header
+ * value (no control byte, so no CR or LF). Returns 1 when printed, 0 when the
+ * URL is refused (nothing printed, log line) or printing failed. */
+MERO_EXPORT int MeroCgiRedirect(MEROCGI_STATE* state, const char* url);
+
+/* Renders the pairs of *table as a JSON object text (keys in slot order;
+ * '"', '\\' and control bytes escaped; other bytes as they are), newly
+ * allocated: release it with `free`. Null for a null argument or table, or
+ * without memory. */
+MERO_EXPORT char* MeroCgiHashToJsonString(MLIBSZHASH** table);
+
 /* ---- UI language --------------------------------------------------------- */
 
 /* The request's UI language, one of the languages offered (BCP 47 tags):

@@ -44,6 +44,17 @@ class WebCGIPrivate {
   void SetErrorLog(bool enable);
   bool LoadJSONParam(char* line);
 
+  int AddHeader(const char* name, const char* value);
+  Json::Value GetHeaders();
+  Json::Value GetSetHeaders();
+  Json::Value GetSetCookies();
+  void AddSecurityHeaders(const std::string& options);
+
+  void ParseProtocol();
+  void ParseHostAndPort();
+  bool ParseHostAndPort(const std::string& url, std::string& hostOut, std::string& portOut);
+  void LoadURL();
+
   MEROCGI_STATE* State() { return &cgiState.state; }
 
   Json::Value jsonParams;

@@ -38,46 +38,52 @@ int MeroCgiLoadInCookies(MEROCGI_STATE* state) {
   }
   mero::UniqueSzHash table(MLIBCSzHashAlloc(16));
   if (!table) return -1;
-  int loaded = 0;
-  int skipped = 0;
-  std::string name;
-  std::string value;
-  const char* const end = header + length;
-  for (const char* pair = header; pair < end;) {
-    const char* pairEnd = static_cast<const char*>(std::memchr(pair, ';', static_cast<size_t>(end - pair)));
-    if (!pairEnd) pairEnd = end;
-    const char* begin = pair;
-    const char* stop = pairEnd;
-    pair = pairEnd + 1;
-    while (begin < stop && IsOws(*begin)) ++begin;
-    while (stop > begin && IsOws(stop[-1])) --stop;
-    if (begin == stop) continue;  // empty between two ';'
-    const char* eq = static_cast<const char*>(std::memchr(begin, '=', static_cast<size_t>(stop - begin)));
-    const char* nameEnd = eq;
-    while (nameEnd && nameEnd > begin && IsOws(nameEnd[-1])) --nameEnd;
-    if (!eq || nameEnd == begin || HasControl(begin, stop)) {
-      ++skipped;
-      continue;
+  try {  // C linkage: no exception (bad_alloc) may leave
+    int loaded = 0;
+    int skipped = 0;
+    std::string name;
+    std::string value;
+    const char* const end = header + length;
+    for (const char* pair = header; pair < end;) {
+      const char* pairEnd =
+          static_cast<const char*>(std::memchr(pair, ';', static_cast<size_t>(end - pair)));
+      if (!pairEnd) pairEnd = end;
+      const char* begin = pair;
+      const char* stop = pairEnd;
+      pair = pairEnd + 1;
+      while (begin < stop && IsOws(*begin)) ++begin;
+      while (stop > begin && IsOws(stop[-1])) --stop;
+      if (begin == stop) continue;  // empty between two ';'
+      const char* eq =
+          static_cast<const char*>(std::memchr(begin, '=', static_cast<size_t>(stop - begin)));
+      const char* nameEnd = eq;
+      while (nameEnd && nameEnd > begin && IsOws(nameEnd[-1])) --nameEnd;
+      if (!eq || nameEnd == begin || HasControl(begin, stop)) {
+        ++skipped;
+        continue;
+      }
+      const char* valueBegin = eq + 1;
+      while (valueBegin < stop && IsOws(*valueBegin)) ++valueBegin;
+      const char* valueEnd = stop;
+      if (valueEnd - valueBegin >= 2 && *valueBegin == '"' && valueEnd[-1] == '"') {
+        ++valueBegin;
+        --valueEnd;
+      }
+      name.assign(begin, nameEnd);
+      if (MLIBCSzHashGetValue(table.get(), name.c_str())) continue;  // the first one wins
+      value.assign(valueBegin, valueEnd);
+      MLIBSZHASH* raw = table.release();
+      const int stored = MLIBCSzHashSetValue(&raw, name.c_str(), value.c_str());
+      table.reset(raw);
+      if (stored < 0) return -1;
+      ++loaded;
     }
-    const char* valueBegin = eq + 1;
-    while (valueBegin < stop && IsOws(*valueBegin)) ++valueBegin;
-    const char* valueEnd = stop;
-    if (valueEnd - valueBegin >= 2 && *valueBegin == '"' && valueEnd[-1] == '"') {
-      ++valueBegin;
-      --valueEnd;
-    }
-    name.assign(begin, nameEnd);
-    if (MLIBCSzHashGetValue(table.get(), name.c_str())) continue;  // the first one wins
-    value.assign(valueBegin, valueEnd);
-    MLIBSZHASH* raw = table.release();
-    const int stored = MLIBCSzHashSetValue(&raw, name.c_str(), value.c_str());
-    table.reset(raw);
-    if (stored < 0) return -1;
-    ++loaded;
+    if (skipped > 0) MEROCGI_LOG("Cookie header: %d malformed pair(s) skipped", skipped);
+    state->inCookieTable = table.release();
+    return loaded;
+  } catch (...) {
+    return -1;
   }
-  if (skipped > 0) MEROCGI_LOG("Cookie header: %d malformed pair(s) skipped", skipped);
-  state->inCookieTable = table.release();
-  return loaded;
 }
 
 const char* MeroCgiGetInCookies(MEROCGI_STATE* state, const char* name, const char* def) {

@@ -1,0 +1,162 @@
+// Request origin: the URL splitter, the derived protocol, host and port, the
+// same-origin test against hostile headers, and application portals.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "ApplianceRootEnv.h"
+#include "WebCGIPeer.h"
+
+namespace {
+
+class WebCGIOriginTest : public webapi_test::ApplianceRootTest {
+ protected:
+  void TearDown() override {
+    for (const char* name : {"HTTP_X_FORWARDED_PROTO", "REWRITE_APP"}) unsetenv(name);
+    ApplianceRootTest::TearDown();
+  }
+  static void Set(const char* name, const char* value) {
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+};
+
+TEST_F(WebCGIOriginTest, SplitsUrlsIntoHostAndPortText) {
+  struct Case {
+    const char* url;
+    bool ok;
+    const char* host;  // "(kept)" when the output keeps its previous value
+    const char* port;
+  };
+  const Case cases[] = {
+      {"https://[fe80::1]:5001/app/page", true, "[fe80::1]", "5001"},
+      {"http://[fe80::1", false, "(kept)", "80"},
+      {"ftp://10.0.0.5/", false, "(kept)", "(kept)"},
+      {"HTTP://10.0.0.5/", false, "(kept)", "(kept)"},
+      {"http://10.0.0.5", true, "10.0.0.5", "80"},
+      {"https://10.0.0.5:", true, "10.0.0.5", ""},
+      {"http://", true, "", "80"},
+      {"http://10.0.0.5?a=b:c", true, "10.0.0.5?a=b", "c"},
+      {"http://a:1:2/", true, "a:1", "2"},
+      {"https://user:pw@host:8443/x", true, "user:pw@host", "8443"},
+      {"https://[::1]x:99/", true, "[::1]", "99"},
+  };
+  MERO::WebCGI cgi("zel", false);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.url);
+    std::string host = "(kept)", port = "(kept)";
+    EXPECT_EQ(cgi.ParseHostAndPort(c.url, host, port), c.ok);
+    EXPECT_EQ(host, c.host);
+    EXPECT_EQ(port, c.port);
+  }
+}
+
+TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
+  struct Case {
+    const char* https;
+    const char* forwarded;
+    const char* hostHeader;
+    const char* proto;
+    const char* host;
+    int port;
+  };
+  const Case cases[] = {
+      {nullptr, nullptr, "10.0.0.5", "http", "10.0.0.5", 80},
+      {"off", "HTTPS", "10.0.0.5", "https", "10.0.0.5", 443},
+      {"On", "http", "nas.local:5001", "https", "nas.local", 5001},  // http never undoes https
+      {nullptr, "https, http", "h", "http", "h", 80},                  // a list is no match
+      {nullptr, nullptr, "10.0.0.5:5000x", "http", "10.0.0.5", 5000},
+      {nullptr, nullptr, "[fe80::1", "http", "", 80},  // failed split: what it wrote
+      {nullptr, nullptr, "[fe80::1]:99999999999", "http", "[fe80::1]", 2147483647},
+      {nullptr, nullptr, nullptr, "http", "", 0},
+      {nullptr, nullptr, "", "http", "", 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.hostHeader ? c.hostHeader : "(unset)"));
+    Set("HTTPS", c.https);
+    Set("HTTP_X_FORWARDED_PROTO", c.forwarded);
+    Set("HTTP_HOST", c.hostHeader);
+    MERO::WebCGI cgi("zel", false);
+    EXPECT_EQ(cgi.GetURLProto(), c.proto);
+    MERO::WebCGIPrivate& p = MERO::WebCGITestPeer::Priv(cgi);
+    EXPECT_EQ(p.host, c.host);
+    EXPECT_EQ(p.port, c.port);
+    Set("HTTPS", c.https ? nullptr : "on");  // later changes are not seen
+    Set("HTTP_HOST", "changed:1");
+    EXPECT_EQ(cgi.GetURLProto(), c.proto);
+    EXPECT_EQ(p.host, c.host);
+  }
+}
+
+TEST_F(WebCGIOriginTest, SameOriginOnlyForTheSameHostAndPortText) {
+  struct Case {
+    const char* https;
+    const char* hostHeader;
+    const char* referer;
+    bool same;
+  };
+  const std::string longHost(5000, 'a');
+  const std::string longReferer = "http://" + longHost + "/";
+  const Case cases[] = {
+      {"on", "10.0.0.5", "https://10.0.0.5/page", true},
+      {"on", "10.0.0.5:443", "https://10.0.0.5/page", true},
+      {"on", "10.0.0.5", "http://10.0.0.5/page", false},
+      {nullptr, "nas.local:5000", "http://nas.local:5000/x?y", true},
+      {nullptr, "[fe80::1]:5000", "http://[fe80::1]:5000/", true},
+      {nullptr, "[fe80::1]:5000", "http://[fe80::1]:5001/", false},
+      {nullptr, "NAS.local", "http://nas.local/", false},         // case differs
+      {nullptr, "nas.local.", "http://nas.local/", false},        // trailing dot differs
+      {nullptr, "nas.local:80", "http://nas.local:080/", false},  // text, not number
+      {nullptr, "nas.local", "http://evil@nas.local/", false},
+      {nullptr, "nas.local", "http://nas.local@evil.example/", false},
+      {nullptr, "nas.local:80@x", "http://nas.local:80@x/", false},  // user info on both sides
+      {nullptr, "nas.local:99999", "http://nas.local:99999/", false},
+      {nullptr, "nas.local:x", "http://nas.local:x/", false},
+      {nullptr, "nas.local", "//nas.local/", false},
+      {nullptr, "nas.local", nullptr, false},
+      {nullptr, nullptr, "http://nas.local/", false},
+      {nullptr, "", "http://nas.local/", false},
+      {nullptr, longHost.c_str(), longReferer.c_str(), false},  // never compared cut
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.hostHeader ? c.hostHeader : "(unset)").substr(0, 30) + " vs " +
+                 std::string(c.referer ? c.referer : "(unset)").substr(0, 30));
+    Set("HTTPS", c.https);
+    Set("HTTP_HOST", c.hostHeader);
+    Set("HTTP_REFERER", c.referer);
+    MERO::WebCGI cgi("zel", false);
+    EXPECT_EQ(cgi.IsSameDomainAndPort(), c.same);
+  }
+}
+
+TEST_F(WebCGIOriginTest, AppPortalsAreAdmittedByTheSessionConfiguration) {
+  struct Case {
+    const char* auth;  // null: no auth file
+    const char* rewriteApp;
+    bool portal;
+    bool mapped;
+  };
+  const Case cases[] = {
+      {R"({"app_portals":["apptwo"]})", nullptr, false, true},
+      {R"({"app_portals":["apptwo"]})", "", true, false},
+      {R"({"app_portals":["appone"]})", "AppOne", true, true},
+      {R"({"app_portals":["apptwo", 7]})", "AppOne", true, false},
+      {R"({"app_portals":[]})", "AppOne", true, true},
+      {nullptr, "AppOne", true, true},
+      {R"({"privilege":"AppOne"})", "appone", true, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.auth ? c.auth : "(no file)") + " / " + (c.rewriteApp ? c.rewriteApp : "(unset)"));
+    std::filesystem::remove(root() / "usr/mero/meroman/webapi/app.auth");
+    if (c.auth) webapi_test::WriteRootFile("usr/mero/meroman/webapi/app.auth", c.auth);
+    Set("REWRITE_APP", c.rewriteApp);
+    MERO::WebCGI cgi("app", false);
+    EXPECT_EQ(cgi.IsAppPortal(), c.portal);
+    EXPECT_EQ(cgi.IsAppPortalMapping(), c.mapped);
+  }
+}
+
+}  // namespace
