@@ -17,7 +17,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 mkdir -p "$build/fuzz-artifacts" "$build/fuzz-logs" || exit 2
 
 failed=0
-for name in param_line cookie_header json_params origin string_list; do
+for corpus in "$here"/corpus/*/; do  # one corpus folder per fuzz target
+  name=$(basename "$corpus")
   binary="$build/fuzz/fuzz_$name"
   log="$build/fuzz-logs/$name.log"
   if [ ! -x "$binary" ]; then
