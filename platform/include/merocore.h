@@ -192,7 +192,7 @@ typedef struct _tag_MLIBSZHASH_SLOT {
  *                         minus one); the index is private to the hash
  *   word 2  slotCount     slots in use; read again after every store
  *   word 3  reserved      always 0
- *   word 4  buckets       the lookup index: slot numbers, -1 for empty
+ *   word 4  buckets       the lookup index (private to the hash)
  *   then    slots[]       pairs of pointers, key first, then value
  * Slots are filled in insertion order and never emptied, so a walk sees the
  * pairs in the order their keys were first stored. On a 64-bit target

@@ -1,7 +1,9 @@
 // String hash: pairs live in inline slots in insertion order (the layout
-// readers walk), and a private open-addressing index of slot numbers makes
-// lookups O(1). The index is rebuilt at half load; the slots grow by
-// realloc through the caller's pointer.
+// readers walk), and a private open-addressing index makes lookups O(1).
+// Each bucket is two ints, the slot number (-1: empty) and 32 bits of the
+// key's hash, so a probe only reads a key (a likely cache miss in a large
+// hash) when the hashes agree. The index is rebuilt at half load; the slots
+// grow by realloc through the caller's pointer.
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -21,37 +23,55 @@ static_assert(offsetof(MLIBSZHASH_SLOT, key) == 0 && offsetof(MLIBSZHASH_SLOT, v
 
 namespace {
 
-uint64_t HashText(const char* text) {  // FNV-1a
+uint32_t HashText(const char* text) {  // FNV-1a, folded to 32 bits
   uint64_t h = 1469598103934665603ULL;
   for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p) {
     h ^= *p;
     h *= 1099511628211ULL;
   }
-  return h ^ (h >> 29);
+  return static_cast<uint32_t>(h ^ (h >> 32));
 }
 
 size_t RecordBytes(size_t slots) { return offsetof(MLIBSZHASH, slots) + slots * sizeof(MLIBSZHASH_SLOT); }
 
+constexpr int kBucketInts = 2;  // slot number, hash bits
+
 // Index of the bucket that holds `key`, or of the empty bucket where it goes.
-size_t FindBucket(const MLIBSZHASH* hash, const char* key) {
+size_t FindBucket(const MLIBSZHASH* hash, const char* key, uint32_t keyHash) {
   const size_t mask = static_cast<size_t>(hash->bucketMask);
-  size_t bucket = static_cast<size_t>(HashText(key)) & mask;
-  for (;;) {
-    const int slot = hash->buckets[bucket];
-    if (slot < 0 || std::strcmp(hash->slots[slot].key, key) == 0) return bucket;
-    bucket = (bucket + 1) & mask;
+  for (size_t bucket = keyHash & mask;; bucket = (bucket + 1) & mask) {
+    const int* entry = hash->buckets + bucket * kBucketInts;
+    if (entry[0] < 0) return bucket;
+    if (static_cast<uint32_t>(entry[1]) == keyHash && std::strcmp(hash->slots[entry[0]].key, key) == 0)
+      return bucket;
   }
 }
 
-// Replaces the index with one of `bucketCount` buckets (a power of two).
+void FillBucket(MLIBSZHASH* hash, size_t bucket, int slot, uint32_t keyHash) {
+  hash->buckets[bucket * kBucketInts] = slot;
+  hash->buckets[bucket * kBucketInts + 1] = static_cast<int>(keyHash);
+}
+
+// Replaces the index with one of `bucketCount` buckets (a power of two),
+// moving entries by their stored hash bits: keys are unique, so no key is
+// read (and no cache line of one touched) while the index grows.
 bool Reindex(MLIBSZHASH* hash, size_t bucketCount) {
-  int* buckets = static_cast<int*>(std::malloc(bucketCount * sizeof(int)));
+  int* buckets = static_cast<int*>(std::malloc(bucketCount * kBucketInts * sizeof(int)));
   if (!buckets) return false;
-  std::memset(buckets, 0xff, bucketCount * sizeof(int));  // every bucket -1
+  std::memset(buckets, 0xff, bucketCount * kBucketInts * sizeof(int));  // every slot number -1
+  const size_t mask = bucketCount - 1;
+  const size_t oldCount = hash->buckets ? static_cast<size_t>(hash->bucketMask) + 1 : 0;
+  for (size_t old = 0; old < oldCount; ++old) {
+    const int* entry = hash->buckets + old * kBucketInts;
+    if (entry[0] < 0) continue;
+    size_t bucket = static_cast<uint32_t>(entry[1]) & mask;
+    while (buckets[bucket * kBucketInts] >= 0) bucket = (bucket + 1) & mask;
+    buckets[bucket * kBucketInts] = entry[0];
+    buckets[bucket * kBucketInts + 1] = entry[1];
+  }
   std::free(hash->buckets);
   hash->buckets = buckets;
-  hash->bucketMask = static_cast<int>(bucketCount - 1);
-  for (int i = 0; i < hash->slotCount; ++i) hash->buckets[FindBucket(hash, hash->slots[i].key)] = i;
+  hash->bucketMask = static_cast<int>(mask);
   return true;
 }
 
@@ -96,8 +116,9 @@ int MLIBCSzHashSetValue(MLIBSZHASH** hashRef, const char* key, const char* value
   MLIBSZHASH* hash = *hashRef;
   char* valueCopy = strdup(value);
   if (!valueCopy) return -1;
-  size_t bucket = FindBucket(hash, key);
-  const int existing = hash->buckets[bucket];
+  const uint32_t keyHash = HashText(key);
+  size_t bucket = FindBucket(hash, key, keyHash);
+  const int existing = hash->buckets[bucket * kBucketInts];
   if (existing >= 0) {
     std::free(hash->slots[existing].value);
     hash->slots[existing].value = valueCopy;
@@ -135,19 +156,19 @@ int MLIBCSzHashSetValue(MLIBSZHASH** hashRef, const char* key, const char* value
       errno = ENOMEM;
       return -1;
     }
-    bucket = FindBucket(hash, key);
+    bucket = FindBucket(hash, key, keyHash);
   }
   const int slot = hash->slotCount;
   hash->slots[slot].key = keyCopy;
   hash->slots[slot].value = valueCopy;
-  hash->buckets[bucket] = slot;
+  FillBucket(hash, bucket, slot, keyHash);
   hash->slotCount = slot + 1;
   return slot;
 }
 
 const char* MLIBCSzHashGetValue(const MLIBSZHASH* hash, const char* key) {
   if (!hash || !key) return nullptr;
-  const int slot = hash->buckets[FindBucket(hash, key)];
+  const int slot = hash->buckets[FindBucket(hash, key, HashText(key)) * kBucketInts];
   return slot >= 0 ? hash->slots[slot].value : nullptr;
 }
 
