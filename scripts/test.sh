@@ -1,6 +1,7 @@
 #!/bin/bash
 # The whole test suite: Debian packages, then the fuzz targets for a short
-# bounded time, the debug build with every test, and the AddressSanitizer +
+# bounded time, the debug build with every test, the build with the platform
+# split into its own shared libraries, and the AddressSanitizer +
 # UndefinedBehaviorSanitizer build with every test (its ctest summary is the
 # last thing printed).
 #   FUZZ_SECONDS  seconds per fuzz target (default 15; 0 skips fuzzing)
@@ -20,6 +21,11 @@ echo "== debug build and tests"
 cmake --preset dev >/dev/null
 cmake --build --preset dev
 ctest --preset dev
+
+echo "== platform split into its own shared libraries: build and tests (the slow lock time-outs are left to the other builds)"
+cmake --preset split >/dev/null
+cmake --build --preset split
+ctest --preset split
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build and tests"
 cmake --preset asan-ubsan >/dev/null

@@ -3,8 +3,12 @@
 # MERO namespace, the platform's C operations, and the weak template
 # instantiations of the standard library that every C++ shared object
 # carries.
+# The second argument says whether the platform is bundled into the library
+# (its operations must then be exported from it) or split into its own
+# shared libraries.
 set -euo pipefail
 lib=$1
+layout=${2:-bundled}
 symbols=$(nm -DC --defined-only "$lib" | awk '{ $1 = ""; print }' | sed 's/^ //')
 unexpected=$(printf '%s\n' "$symbols" | grep -v -E \
   '^[TBDRVW] (MERO::|(typeinfo|typeinfo name|vtable) for MERO::|MLIBC[A-Za-z]+$|MeroCgi[A-Za-z]+$|MeroAppliance[A-Za-z]+$)' \
@@ -14,7 +18,9 @@ if [ -n "$unexpected" ]; then
   printf '%s\n' "$unexpected"
   exit 1
 fi
-for required in 'MERO::WebCGI::WebCGI(char const*, bool)' 'MERO::JsonValue::fromString' MeroCgiParseCGIParam MLIBCSzHashSetValue; do
-  printf '%s\n' "$symbols" | grep -q -F "$required" || { echo "missing export: $required"; exit 1; }
+required=('MERO::WebCGI::WebCGI(char const*, bool)' 'MERO::JsonValue::fromString')
+[ "$layout" = bundled ] && required+=(MeroCgiParseCGIParam MLIBCSzHashSetValue 'MERO::ZEL::SecurityOptions::GetSecurityHeaders')
+for symbol in "${required[@]}"; do
+  printf '%s\n' "$symbols" | grep -q -F "$symbol" || { echo "missing export: $symbol"; exit 1; }
 done
 echo "exports: $(printf '%s\n' "$symbols" | wc -l) symbols, all declared"
