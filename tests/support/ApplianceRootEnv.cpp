@@ -8,9 +8,10 @@
 namespace webapi_test {
 namespace {
 
-const char* const kCgiVariables[] = {"REQUEST_METHOD", "QUERY_STRING",  "CONTENT_LENGTH",
-                                     "CONTENT_TYPE",   "HTTP_COOKIE",   "HTTP_ACCEPT_LANGUAGE",
-                                     "HTTP_HOST",      "HTTP_REFERER", "HTTPS"};
+const char* const kCgiVariables[] = {
+    "REQUEST_METHOD", "QUERY_STRING",           "CONTENT_LENGTH", "CONTENT_TYPE",
+    "HTTP_COOKIE",    "HTTP_ACCEPT_LANGUAGE",   "HTTP_HOST",      "HTTP_REFERER",
+    "HTTPS",          "HTTP_X_FORWARDED_PROTO", "REWRITE_APP"};
 
 class RootRemover : public ::testing::Environment {
  public:
@@ -37,6 +38,13 @@ void WriteRootFile(const std::string& relativePath, const std::string& text) {
   const std::filesystem::path file = ApplianceRoot() / relativePath;
   std::filesystem::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
+}
+
+void SetEnvOrUnset(const char* name, const char* value) {
+  if (value)
+    setenv(name, value, 1);
+  else
+    unsetenv(name);
 }
 
 void ApplianceRootTest::SetUp() {

@@ -17,6 +17,9 @@ const std::filesystem::path& ApplianceRoot();
 // Writes `text` to `relativePath` under the root, creating directories.
 void WriteRootFile(const std::string& relativePath, const std::string& text);
 
+// Sets environment variable `name` to `value`, or unsets it for null.
+void SetEnvOrUnset(const char* name, const char* value);
+
 // Base fixture: a fresh, empty appliance tree for every test, with the
 // directories the library reads from. Also clears the CGI variables tests set.
 class ApplianceRootTest : public ::testing::Test {

@@ -147,10 +147,7 @@ TEST_F(FormDecodeTest, UiLanguagePrefersAnExplicitChoiceThenAcceptLanguage) {
     if (c.param) MeroCgiSetCGIParam(&state_, "lang", c.param);
     setenv("HTTP_COOKIE", c.cookie ? (std::string("lang=") + c.cookie).c_str() : "", 1);
     MeroCgiLoadInCookies(&state_);
-    if (c.acceptLanguage)
-      setenv("HTTP_ACCEPT_LANGUAGE", c.acceptLanguage, 1);
-    else
-      unsetenv("HTTP_ACCEPT_LANGUAGE");
+    webapi_test::SetEnvOrUnset("HTTP_ACCEPT_LANGUAGE", c.acceptLanguage);
     EXPECT_STREQ(MeroCgiGetLang(&state_), c.want);
   }
 }

@@ -39,10 +39,6 @@ Headers Defaults(const Headers& changes = {}) {
 
 class SecurityOptionsTest : public webapi_test::ApplianceRootTest {
  protected:
-  void TearDown() override {
-    unsetenv("HTTP_X_FORWARDED_PROTO");
-    ApplianceRootTest::TearDown();
-  }
   // The headers as a map; also checks that each is a string value.
   static Headers Get(const SecurityOptions& options) {
     const Json::Value json = options.GetSecurityHeaders();

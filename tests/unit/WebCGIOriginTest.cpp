@@ -10,19 +10,8 @@
 
 namespace {
 
-class WebCGIOriginTest : public webapi_test::ApplianceRootTest {
- protected:
-  void TearDown() override {
-    for (const char* name : {"HTTP_X_FORWARDED_PROTO", "REWRITE_APP"}) unsetenv(name);
-    ApplianceRootTest::TearDown();
-  }
-  static void Set(const char* name, const char* value) {
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-};
+using WebCGIOriginTest = webapi_test::ApplianceRootTest;
+using webapi_test::SetEnvOrUnset;
 
 TEST_F(WebCGIOriginTest, SplitsUrlsIntoHostAndPortText) {
   struct Case {
@@ -76,16 +65,16 @@ TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.hostHeader ? c.hostHeader : "(unset)"));
-    Set("HTTPS", c.https);
-    Set("HTTP_X_FORWARDED_PROTO", c.forwarded);
-    Set("HTTP_HOST", c.hostHeader);
+    SetEnvOrUnset("HTTPS", c.https);
+    SetEnvOrUnset("HTTP_X_FORWARDED_PROTO", c.forwarded);
+    SetEnvOrUnset("HTTP_HOST", c.hostHeader);
     MERO::WebCGI cgi("zel", false);
     EXPECT_EQ(cgi.GetURLProto(), c.proto);
     MERO::WebCGIPrivate& p = MERO::WebCGITestPeer::Priv(cgi);
     EXPECT_EQ(p.host, c.host);
     EXPECT_EQ(p.port, c.port);
-    Set("HTTPS", c.https ? nullptr : "on");  // later changes are not seen
-    Set("HTTP_HOST", "changed:1");
+    SetEnvOrUnset("HTTPS", c.https ? nullptr : "on");  // later changes are not seen
+    SetEnvOrUnset("HTTP_HOST", "changed:1");
     EXPECT_EQ(cgi.GetURLProto(), c.proto);
     EXPECT_EQ(p.host, c.host);
   }
@@ -124,9 +113,9 @@ TEST_F(WebCGIOriginTest, SameOriginOnlyForTheSameHostAndPortText) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.hostHeader ? c.hostHeader : "(unset)").substr(0, 30) + " vs " +
                  std::string(c.referer ? c.referer : "(unset)").substr(0, 30));
-    Set("HTTPS", c.https);
-    Set("HTTP_HOST", c.hostHeader);
-    Set("HTTP_REFERER", c.referer);
+    SetEnvOrUnset("HTTPS", c.https);
+    SetEnvOrUnset("HTTP_HOST", c.hostHeader);
+    SetEnvOrUnset("HTTP_REFERER", c.referer);
     MERO::WebCGI cgi("zel", false);
     EXPECT_EQ(cgi.IsSameDomainAndPort(), c.same);
   }
@@ -152,7 +141,7 @@ TEST_F(WebCGIOriginTest, AppPortalsAreAdmittedByTheSessionConfiguration) {
     SCOPED_TRACE(std::string(c.auth ? c.auth : "(no file)") + " / " + (c.rewriteApp ? c.rewriteApp : "(unset)"));
     std::filesystem::remove(root() / "usr/mero/meroman/webapi/app.auth");
     if (c.auth) webapi_test::WriteRootFile("usr/mero/meroman/webapi/app.auth", c.auth);
-    Set("REWRITE_APP", c.rewriteApp);
+    SetEnvOrUnset("REWRITE_APP", c.rewriteApp);
     MERO::WebCGI cgi("app", false);
     EXPECT_EQ(cgi.IsAppPortal(), c.portal);
     EXPECT_EQ(cgi.IsAppPortalMapping(), c.mapped);
