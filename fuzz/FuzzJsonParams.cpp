@@ -13,6 +13,7 @@
 
 namespace {
 
+
 // Strict UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF.
 bool IsUtf8(const char* p, const char* end) {
   while (p < end) {

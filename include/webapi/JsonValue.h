@@ -20,10 +20,11 @@ namespace JsonValue {
 //   true   `value` holds the document.
 //   false  the text is not JSON (also: empty, or nested deeper than
 //          kMaxJsonDepth); `value` is reset to null, never left half-filled.
-// Parsed as Json::Reader does by default: comments are accepted and dropped;
-// text after the document that is not JSON makes the parse fail, trailing
-// blanks do not. Never throws on bad input (a document too deep for the
-// parser's own stack limit is refused before it is handed over).
+// Comments are accepted and dropped, as jsoncpp's Reader does by default;
+// anything after the document but blanks and comments makes the parse fail,
+// and so does a scalar with junk ("7x"). Never throws on bad input (a
+// document too deep for the parser's own stack limit is refused before it
+// is handed over).
 WEBAPI_EXPORT bool fromString(Json::Value& value, const std::string& text);
 
 // Deepest nesting of arrays and objects fromString accepts.

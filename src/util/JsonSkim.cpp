@@ -1,5 +1,7 @@
 #include "JsonSkim.h"
 
+#include <string_view>
+
 namespace MERO {
 namespace detail {
 namespace {
@@ -25,8 +27,37 @@ size_t SkipComment(const char* text, size_t length, size_t i) {
   return kNotAComment;
 }
 
-bool IsPunctuation(char c) {
-  return c == '/' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == ',' || c == ':';
+bool IsScalarChar(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '+' ||
+         c == '-' || c == '.';
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// True for exactly a JSON number or true, false, null. jsoncpp reads the
+// longest number-like prefix and ignores what follows ("7x" reads as 7), so
+// the whole token is checked here.
+bool IsJsonScalar(const char* token, size_t length) {
+  const std::string_view text(token, length);
+  if (text == "true" || text == "false" || text == "null") return true;
+  size_t i = 0;
+  if (i < length && token[i] == '-') ++i;
+  if (i == length || !IsDigit(token[i])) return false;
+  if (token[i] == '0') {
+    ++i;
+  } else {
+    while (i < length && IsDigit(token[i])) ++i;
+  }
+  if (i < length && token[i] == '.') {
+    if (++i == length || !IsDigit(token[i])) return false;
+    while (i < length && IsDigit(token[i])) ++i;
+  }
+  if (i < length && (token[i] == 'e' || token[i] == 'E')) {
+    if (++i < length && (token[i] == '+' || token[i] == '-')) ++i;
+    if (i == length || !IsDigit(token[i])) return false;
+    while (i < length && IsDigit(token[i])) ++i;
+  }
+  return i == length;
 }
 
 }  // namespace
@@ -70,8 +101,13 @@ JsonOutline SkimJson(const char* text, size_t length) {
         depth = 0;
         documentDone = true;
       }
-    } else if (depth == 0) {  // a scalar root: runs to the next blank, comment or punctuation
-      while (i < length && !IsBlank(text[i]) && !IsPunctuation(text[i])) ++i;
+    } else if (depth == 0) {  // a scalar root: the whole token must be one
+      const size_t start = i;
+      while (i < length && IsScalarChar(text[i])) ++i;
+      if (!IsJsonScalar(text + start, i - start)) {
+        outline.notOneDocument = true;
+        return outline;
+      }
       documentDone = true;
       continue;
     }

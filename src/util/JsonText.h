@@ -9,9 +9,12 @@
 namespace MERO {
 namespace detail {
 
-// Json::Reader::parse with its default features over [text, text + length),
-// refused (false, nothing parsed) when the text nests deeper than
-// JsonValue::kMaxJsonDepth: jsoncpp would throw there.
+// Parses [text, text + length) as one JSON document with Json::Reader's
+// default features (comments allowed, any root). False when it is not JSON:
+// also for text after the document, unbalanced brackets, an unclosed
+// comment or a scalar with junk ("7x"), which the plain Reader would accept
+// in part, and for nesting deeper than JsonValue::kMaxJsonDepth, where
+// jsoncpp would throw.
 bool ReaderParse(const char* text, size_t length, Json::Value& value, bool collectComments);
 
 // Json::FastWriter: compact, one line, ended by a line feed.

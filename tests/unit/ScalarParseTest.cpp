@@ -78,6 +78,9 @@ TEST(JsonValueTest, FromStringTakesOneWholeDocumentAndNeverHalfAValue) {
       {"/* c */ {\"a\":1} // end", true},  {"", false}, {"{} x", false}, {"7]", false},
       {"//c\r7", true}, {"{\"a\":1} //\r]]]", false}, {"{\"a\":1} /* never closed", false},
       {"{\"a\":1 // c\n{\"b\":2 // d\n}", false},  // jsoncpp's Reader alone accepts this
+      {"{\"a\":1 // c\n{\"b\":2 // d\n}}", false},  // balanced, still not one object
+      {"7x", false}, {"truex", false}, {"nullnull", false}, {"1.5.5", false}, {"01", false},
+      {"1=a&api=b", false}, {"-0.5e+3", true}, {"false", true},
       {R"({"a":)", false},                 {"[1,2", false}, {R"({"a":1}{"b":2})", false},
       {std::string(600, '[') + std::string(600, ']'), false},  // deeper than kMaxJsonDepth
       {std::string(100000, '['), false},                        // would make jsoncpp throw
