@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <memory>
+
 
 #include "WebCGIPrivate.h"
 
@@ -11,9 +13,13 @@ namespace MERO {
 
 WebCGI::WebCGI(const char* sessionName, bool loadParams) {
   ::setsid();  // the result does not matter: a group leader simply stays one
-  priv = new WebCGIPrivate(sessionName);  // a throwing constructor frees its memory
+  // Owned here until construction is complete: should LoadIn throw, no
+  // destructor would free it.
+  std::unique_ptr<WebCGIPrivate> owner = std::make_unique<WebCGIPrivate>(sessionName);
+  priv = owner.get();
   priv->paramsLoaded = false;
   if (loadParams && !IsUploadRequest() && LoadIn()) priv->paramsLoaded = true;
+  owner.release();
 }
 
 WebCGI::~WebCGI() { delete priv; }

@@ -29,7 +29,9 @@ bool WebCGI::LoadIn() {
       syslog(LOG_ERR, "%s:%d parameter line starts like JSON but is not JSON; read as a form",
              kWebCgiSource, __LINE__);
     priv->jsonParams = Json::Value();  // what a failed parse left is not the request's
-    MeroCgiParseCGIParam(priv->State(), line.get());
+    // A refused line (NUL escape, too many pairs) was logged by the platform
+    // and stored nothing: the request has no parameters.
+    if (MeroCgiParseCGIParam(priv->State(), line.get()) < 0) return false;
   }
   // TODO: load the sharing context (_sharing_id, _sharing_sid) here once the
   // sharing library lands; until then IsSharing() is false for every request.

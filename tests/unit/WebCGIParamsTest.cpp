@@ -30,6 +30,8 @@ TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
       {"{}", false, nullptr},
       {"7", false, nullptr},  // a JSON scalar: no form parameters either
       {R"({"version":)", false, nullptr},  // looks like JSON, is not: read as a form
+      {"1=a&version=2", false, "2"},       // a JSON-like start is not a JSON line
+      {R"({"a":1}&version=2)", false, "2"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.query);
@@ -61,6 +63,12 @@ TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
 
   MERO::WebCGI notLoaded("zel", false);
   EXPECT_EQ(notLoaded.In("a", nullptr), nullptr);
+
+  Get("a=1&api=x%00y");  // refused whole: nothing stored, not loaded
+  MERO::WebCGI refused("zel", true);
+  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(refused).paramsLoaded);
+  EXPECT_FALSE(refused.LoadIn());
+  EXPECT_EQ(refused.In("a", nullptr), nullptr);
 }
 
 TEST_F(WebCGIParamsTest, SetInCreatesTheTableAndWinsOverTheLine) {
