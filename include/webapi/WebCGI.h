@@ -61,8 +61,9 @@ class WEBAPI_EXPORT WebCGI {
   //   true   the parameter line was read: a JSON text became In(); anything
   //          else was decoded as a form into the parameter table.
   //   false  already loaded (nothing changes), or the request has no
-  //          parameter line or was refused (see the limits above); a later
-  //          call tries again.
+  //          parameter line, or its line was refused (see the limits above;
+  //          also a form line with a %00 escape): no parameter was stored,
+  //          and a later call tries again.
   // A line that looks like JSON ('{' or '[' first) but does not parse is
   // logged and then decoded as a form, as any other non-JSON line.
   bool LoadIn();
@@ -75,8 +76,7 @@ class WEBAPI_EXPORT WebCGI {
   const char* In(const char* name, const char* def);
   // Adds or replaces parameter `name`.
   //   true   stored.
-  //   false  the table could not be created or stored to (logged); the
-  //          value may then be in one table and not the other.
+  //   false  the parameter table could not be created or stored to (logged).
   bool SetIn(const char* name, const char* value);
   // Value of request cookie `name` (RFC 6265; the first of repeated names),
   // or `def`.
@@ -141,8 +141,10 @@ class WEBAPI_EXPORT WebCGI {
   // True when the Host header and the Referer name the same host and port,
   // compared byte for byte (case and "080" vs "80" differ). False when either
   // header is missing or longer than 4095 bytes, when the Referer is not
-  // http(s), or when either side holds user information ('@') or a port that
-  // is not a number from 1 to 65535: never "same" on text that cannot be an
+  // http(s), and when either side is not a plain origin: a host of letters,
+  // digits, '-', '_' and '.' or an IPv6 literal in brackets, then nothing or
+  // ":" and a port from 1 to 65535 (so no user information, no second colon,
+  // nothing after the brackets). Never "same" on text that cannot be an
   // origin.
   bool IsSameDomainAndPort();
   // True when the request came through an application portal (REWRITE_APP

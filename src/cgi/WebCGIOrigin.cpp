@@ -30,6 +30,31 @@ bool IsPortNumber(const std::string& port) {
   return value >= 1 && value <= 65535;
 }
 
+// A host a real origin can have: a name of letters, digits, '-', '_' and
+// '.', or an IPv6 literal in brackets.
+bool IsOriginHost(const std::string& host) {
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']')
+    return host.find_first_not_of("0123456789abcdefABCDEF:.", 1) == host.size() - 1;
+  return !host.empty() &&
+         host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.") ==
+             std::string::npos;
+}
+
+// The authority of an absolute URL: after "://", up to the first "/".
+std::string AuthorityOf(const std::string& url) {
+  const size_t start = url.find("://");
+  if (start == std::string::npos) return std::string();
+  return url.substr(start + 3, url.find('/', start + 3) - (start + 3));
+}
+
+// True when `authority` is exactly the split host, alone or with ":" and the
+// split port: nothing the splitter passed over (text after an IPv6 literal,
+// a second colon, a path in a Host header) is left.
+bool IsWholeOrigin(const std::string& authority, const std::string& host, const std::string& port) {
+  return IsOriginHost(host) && IsPortNumber(port) &&
+         (authority == host || authority == host + ":" + port);
+}
+
 // Reads a header variable whole; false when unset or too long for the
 // buffer the comparison works in (a cut value must never be compared).
 bool GetWholeEnv(const char* name, char* buf) {
@@ -132,10 +157,9 @@ bool WebCGI::IsSameDomainAndPort() {
   std::string hostA, portA, hostB, portB;
   if (!priv->ParseHostAndPort(url, hostA, portA)) return false;
   if (!priv->ParseHostAndPort(referer, hostB, portB)) return false;
-  // Text that no real origin has (user information, a port that is no port)
-  // is never "the same", even when both sides carry it.
-  if (hostA.find('@') != std::string::npos || hostB.find('@') != std::string::npos ||
-      !IsPortNumber(portA) || !IsPortNumber(portB))
+  // Text that no real origin has (user information, a port that is no port,
+  // text the splitter passed over) is never "the same", even on both sides.
+  if (!IsWholeOrigin(hostHeader, hostA, portA) || !IsWholeOrigin(AuthorityOf(referer), hostB, portB))
     return false;
   return hostA == hostB && portA == portB;
 }

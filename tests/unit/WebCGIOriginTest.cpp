@@ -105,6 +105,10 @@ TEST_F(WebCGIOriginTest, SameOriginOnlyForTheSameHostAndPortText) {
       {nullptr, "nas.local:99999", "http://nas.local:99999/", false},
       {nullptr, "nas.local:x", "http://nas.local:x/", false},
       {nullptr, "nas.local", "//nas.local/", false},
+      {"on", "[::1]evil:443", "https://[::1]/", false},  // text after the brackets
+      {nullptr, "a:b:80", "http://a:b:80/", false},       // a second colon
+      {nullptr, "appliance/x", "http://appliance/y", false},
+      {nullptr, "nas.local:", "http://nas.local:/", false},  // an empty port
       {nullptr, "nas.local", nullptr, false},
       {nullptr, nullptr, "http://nas.local/", false},
       {nullptr, "", "http://nas.local/", false},
