@@ -4,11 +4,15 @@
 // key's hash, so a probe only reads a key (a likely cache miss in a large
 // hash) when the hashes agree. The index is rebuilt at half load; the slots
 // grow by realloc through the caller's pointer.
+#include <sys/random.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "merocore.h"
 
@@ -23,12 +27,62 @@ static_assert(offsetof(MLIBSZHASH_SLOT, key) == 0 && offsetof(MLIBSZHASH_SLOT, v
 
 namespace {
 
-uint32_t HashText(const char* text) {  // FNV-1a, folded to 32 bits
-  uint64_t h = 1469598103934665603ULL;
-  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p; ++p) {
-    h ^= *p;
-    h *= 1099511628211ULL;
+// Keys come from requests (parameter and cookie names), so the hash is keyed
+// with a per-process random key (SipHash-1-3): without it, names chosen to
+// share their low hash bits would make every insert probe a long cluster.
+struct SipKey {
+  uint64_t k0, k1;
+};
+
+const SipKey& ProcessKey() {
+  static const SipKey key = [] {  // on first use, not at load time
+    SipKey k{};
+    if (getrandom(&k, sizeof k, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof k)) {
+      // No entropy yet (early boot): still unpredictable enough to a remote
+      // sender, who sees neither the clock nor our address space.
+      k.k0 = static_cast<uint64_t>(std::time(nullptr)) ^ (static_cast<uint64_t>(getpid()) << 32);
+      k.k1 = reinterpret_cast<uintptr_t>(&k) ^ static_cast<uint64_t>(clock());
+    }
+    return k;
+  }();
+  return key;
+}
+
+inline uint64_t Rotl(uint64_t x, int b) { return (x << b) | (x >> (64 - b)); }
+
+struct SipState {
+  uint64_t v0, v1, v2, v3;
+  void Round() {
+    v0 += v1; v1 = Rotl(v1, 13); v1 ^= v0; v0 = Rotl(v0, 32);
+    v2 += v3; v3 = Rotl(v3, 16); v3 ^= v2;
+    v0 += v3; v3 = Rotl(v3, 21); v3 ^= v0;
+    v2 += v1; v1 = Rotl(v1, 17); v1 ^= v2; v2 = Rotl(v2, 32);
   }
+  void Absorb(uint64_t m) {
+    v3 ^= m;
+    Round();
+    v0 ^= m;
+  }
+};
+
+uint32_t HashText(const char* text) {
+  const SipKey& key = ProcessKey();
+  SipState s{0x736f6d6570736575ULL ^ key.k0, 0x646f72616e646f6dULL ^ key.k1,
+             0x6c7967656e657261ULL ^ key.k0, 0x7465646279746573ULL ^ key.k1};
+  const size_t length = std::strlen(text);
+  const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+  const unsigned char* const blocksEnd = p + (length & ~static_cast<size_t>(7));
+  for (; p < blocksEnd; p += 8) {
+    uint64_t m;
+    std::memcpy(&m, p, 8);  // little-endian on the targets we build for
+    s.Absorb(m);
+  }
+  uint64_t last = static_cast<uint64_t>(length) << 56;
+  for (size_t i = 0; i < (length & 7); ++i) last |= static_cast<uint64_t>(p[i]) << (8 * i);
+  s.Absorb(last);
+  s.v2 ^= 0xff;
+  for (int i = 0; i < 3; ++i) s.Round();
+  const uint64_t h = s.v0 ^ s.v1 ^ s.v2 ^ s.v3;
   return static_cast<uint32_t>(h ^ (h >> 32));
 }
 
