@@ -33,6 +33,8 @@ TEST_F(JsonFileStoreTest, ReadReportsEveryFailureAsFalse) {
   EXPECT_EQ(value, Json::Value("untouched"));
   webapi_test::WriteRootFile("bad.json", "{\"a\": ");
   EXPECT_FALSE(ReadJsonFile(value, PathOf("bad.json").c_str()));
+  webapi_test::WriteRootFile("trailing.json", "{\"a\":1} x");
+  EXPECT_FALSE(ReadJsonFile(value, PathOf("trailing.json").c_str()));
   webapi_test::WriteRootFile("deep.json", std::string(5000, '['));
   EXPECT_FALSE(ReadJsonFile(value, PathOf("deep.json").c_str()));
   ASSERT_EQ(mkfifo(PathOf("fifo").c_str(), 0600), 0);  // no writer: must not wait
@@ -68,14 +70,16 @@ TEST_F(JsonFileStoreTest, SaveWritesOneCompactLineAndReadsBackEqual) {
 
 TEST_F(JsonFileStoreTest, SettingsFilesReadKeyValueLines) {
   webapi_test::WriteRootFile("etc/s.conf", "# c\n a = \"one\" \nb=two\n" + std::string(5000, 'x') +
-                                               "=long\nc=\"\"\nb=\"second\"\n");
+                                               "=long\nc=\"\"\nb=\"second\"\ne=" +
+                                               std::string(4093, 'e') + "\n");  // the longest line
   const std::string file = PathOf("etc/s.conf");
   struct Case {
     const char* key;
     int result;
     const char* value;
   };
-  const Case cases[] = {{"a", 1, "one"}, {"b", 1, "two"}, {"c", 1, ""}, {"d", 0, ""}, {"#", 0, ""}};
+  const Case cases[] = {{"a", 1, "one"}, {"b", 1, "two"}, {"c", 1, ""},
+                        {"d", 0, ""},    {"#", 0, ""},     {"e", 1, "eeeeeeeeeeeeeee"}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.key);
     char buf[16] = "garbage";

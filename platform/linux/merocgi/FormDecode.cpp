@@ -141,13 +141,25 @@ int MeroCgiParseCGIParam(MEROCGI_STATE* state, const char* line) {
     state->paramTable = decoded;
     return pairs;
   }
+  // Merged into a new table that replaces the old one only when complete, so
+  // a failure leaves the parameters exactly as they were.
   mero::UniqueSzHash owned(decoded);
-  for (int i = 0; i < decoded->slotCount; ++i) {
-    if (MLIBCSzHashSetValue(&state->paramTable, decoded->slots[i].key, decoded->slots[i].value) < 0) {
-      MERO_ERR_SET(MERO_ERR_NO_MEMORY);
-      return -1;
+  MLIBSZHASH* merged = MLIBCSzHashAlloc(state->paramTable->slotCount + decoded->slotCount);
+  const MLIBSZHASH* const sources[] = {state->paramTable, decoded};
+  for (const MLIBSZHASH* source : sources) {
+    for (int i = 0; merged && i < source->slotCount; ++i) {
+      if (MLIBCSzHashSetValue(&merged, source->slots[i].key, source->slots[i].value) < 0) {
+        MLIBCSzHashFree(merged);
+        merged = nullptr;
+      }
     }
   }
+  if (!merged) {
+    MERO_ERR_SET(MERO_ERR_NO_MEMORY);
+    return -1;
+  }
+  MLIBCSzHashFree(state->paramTable);
+  state->paramTable = merged;
   return pairs;
 }
 

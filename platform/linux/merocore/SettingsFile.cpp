@@ -44,7 +44,7 @@ int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
     MERO_ERR_SET(errno == ENOENT ? MERO_ERR_NOT_FOUND : MERO_ERR_IO);
     return -1;
   }
-  char line[kMaxSettingsLine];
+  char line[kMaxSettingsLine + 1];  // a line of 4095 bytes, its line feed and the NUL
   bool skippingLongLine = false;
   while (std::fgets(line, sizeof line, in.get())) {
     const size_t len = std::strlen(line);
