@@ -7,7 +7,8 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "webapi/WebCGI.h"
+#include "merocgi.h"
 
 namespace {
 
@@ -64,16 +65,6 @@ TEST_F(Output, RefusesEverythingThatCouldSplitAResponse) {
   }
   EXPECT_EQ(cgi.GetHeaders(), Json::Value(Json::objectValue));
   EXPECT_EQ(cgi.GetSetCookies(), Json::Value(Json::objectValue));
-}
-
-TEST_F(Output, DefaultContentTypeIsStoredForTheCaller) {
-  MERO::WebCGI cgi("zel", false);
-  MERO::WebCGIPrivate& p = MERO::WebCGITestPeer::Priv(cgi);
-  EXPECT_EQ(p.contentType, "text/plain; charset=\"UTF-8\"");
-  cgi.SetDefaultContentType("application/json");
-  EXPECT_EQ(p.contentType, "application/json");
-  cgi.SetDefaultContentType(nullptr);
-  EXPECT_EQ(p.contentType, "");
 }
 
 }  // namespace

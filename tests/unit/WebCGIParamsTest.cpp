@@ -71,7 +71,7 @@ TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
   EXPECT_EQ(refused.In("a", nullptr), nullptr);
 }
 
-TEST_F(WebCGIParamsTest, SetInCreatesTheTableAndWinsOverTheLine) {
+TEST_F(WebCGIParamsTest, SetInCreatesTheTableAndReplacesValues) {
   MERO::WebCGI cgi("zel", false);
   EXPECT_EQ(MERO::WebCGITestPeer::Priv(cgi).State()->paramTable, nullptr);
   ASSERT_TRUE(cgi.SetIn("a", "1"));
