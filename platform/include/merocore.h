@@ -71,6 +71,11 @@ MERO_EXPORT const char* MeroApplianceRoot(void);
  *         or MERO_ERR_REQUEST_TOO_LARGE recorded). */
 MERO_EXPORT int MeroAppliancePath(const char* absolutePath, char* buf, size_t size);
 
+/* 1 when the browser reached the server over https: the CGI variable HTTPS
+ * is "on", or HTTP_X_FORWARDED_PROTO is "https" (a proxy that ended TLS),
+ * letter case ignored (ASCII only); 0 otherwise. Read at every call. */
+MERO_EXPORT int MeroRequestIsHttps(void);
+
 /* ------------------------------------------------------------------------ */
 /* Texts and files                                                            */
 /* ------------------------------------------------------------------------ */

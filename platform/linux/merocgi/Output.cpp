@@ -133,7 +133,7 @@ int MeroCgiSetCookies(MEROCGI_STATE* state, const char* name, const char* value,
     cookie += "; Path=";
     cookie += path && *path ? path : "/";
     if (domain && *domain) cookie += std::string("; Domain=") + domain;
-    if (merocgi::RequestIsHttps()) cookie += "; Secure";
+    if (MeroRequestIsHttps()) cookie += "; Secure";
     if (!(flags & MERO_COOKIE_SCRIPT_READABLE)) cookie += "; HttpOnly";
     cookie += flags & MERO_COOKIE_SAMESITE_LAX ? "; SameSite=Lax" : "; SameSite=Strict";
     return Store(&state->setCookieTable, name, cookie.c_str());

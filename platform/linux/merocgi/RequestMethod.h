@@ -1,4 +1,4 @@
-// What the CGI environment says about the request's method and scheme.
+// What the CGI environment says about the request's method.
 #ifndef MEROCGI_REQUESTMETHOD_H
 #define MEROCGI_REQUESTMETHOD_H
 
@@ -14,14 +14,6 @@ inline bool HasBodyParameters() {
   const char* method = std::getenv("REQUEST_METHOD");
   return method && (strcasecmp(method, "POST") == 0 || strcasecmp(method, "PUT") == 0 ||
                     strcasecmp(method, "PATCH") == 0);
-}
-
-// The browser reached us over https: directly (HTTPS=on) or through a proxy
-// that ended TLS (HTTP_X_FORWARDED_PROTO=https).
-inline bool RequestIsHttps() {
-  const char* https = std::getenv("HTTPS");
-  const char* forwarded = std::getenv("HTTP_X_FORWARDED_PROTO");
-  return (https && strcasecmp(https, "on") == 0) || (forwarded && strcasecmp(forwarded, "https") == 0);
 }
 
 }  // namespace merocgi

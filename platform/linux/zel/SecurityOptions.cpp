@@ -15,6 +15,8 @@
 #include <string_view>
 #include <utility>
 
+#include "merocore.h"
+
 namespace MERO {
 namespace ZEL {
 namespace {
@@ -47,19 +49,6 @@ char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A
 bool IsAllowedByte(char c) {
   const unsigned char u = static_cast<unsigned char>(c);
   return u > 0x20 && u < 0x7f && c != '"' && c != '\'' && c != '\\' && c != ';';
-}
-
-// ASCII folding only (strcasecmp would follow the locale).
-bool EqualsIgnoreCase(const char* text, std::string_view want) {
-  if (!text) return false;
-  std::size_t i = 0;
-  while (i < want.size() && text[i] && LowerAscii(text[i]) == want[i]) ++i;
-  return i == want.size() && !text[i];
-}
-
-bool IsHttpsRequest() {
-  return EqualsIgnoreCase(std::getenv("HTTPS"), "on") ||
-         EqualsIgnoreCase(std::getenv("HTTP_X_FORWARDED_PROTO"), "https");
 }
 
 // 1 to `maxDigits` decimal digits, no larger than `max`. *out is untouched
@@ -214,7 +203,7 @@ const char* SecurityOptions::ApplyToken(std::string_view token) {
 
 Json::Value SecurityOptions::GetSecurityHeaders() const {
   Json::Value headers(Json::objectValue);
-  if (hstsSeconds_ >= 0 && IsHttpsRequest())
+  if (hstsSeconds_ >= 0 && MeroRequestIsHttps())
     headers["Strict-Transport-Security"] =
         "max-age=" + std::to_string(hstsSeconds_) + "; includeSubDomains";
   std::string ancestors;
