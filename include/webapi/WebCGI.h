@@ -56,6 +56,35 @@ class WEBAPI_EXPORT WebCGI {
   // True when the request came through a sharing link.
   bool IsSharing();
 
+  // ---- session ----
+  // Whether the request belongs to a logged-in session. The identifier is
+  // the `_sid` parameter when present and not empty (it then replaces the
+  // request's cookies: HTTP_COOKIE becomes "id=<sid>", cut to 121
+  // characters of the id), else the `id` cookie. Results:
+  //   positive  authorized; GetLoginUserName() names the user
+  //   -5        the request carries no session identifier
+  //   other     the platform's refusal (merocgi.h, MERO_SESSION_*): -1
+  //             expired, -3 ended by another login or used from another
+  //             address, ...
+  // A session unknown to the configured registry is looked up once more in
+  // the default registry "current.users".
+  int CheckAuthorized();
+  // The user of the session found by the last check ("" when none was).
+  std::string GetLoginUserName() const;
+  // The `id` cookie (after a `_sid` parameter: its value), or null.
+  const char* GetSessionID();
+  // Writes the session store's path into `buf`; the platform's result
+  // (MeroCgiGetSessPath).
+  int GetSessionFilePath(char* buf, int size);
+  // Re-reads the cookies from HTTP_COOKIE; the platform's result.
+  int UpdateCookiesHash();
+  // The authorized session's CSRF token; "" before a successful check.
+  std::string GetMeroToken();
+  // The device key; "" (no device keys on this platform).
+  std::string GetDevicePkey();
+  // Always "".
+  std::string GetDeviceId();
+
   // ---- parameters and cookies ----
   // Loads the request's parameters once.
   //   true   the parameter line was read: a JSON text became In(); anything

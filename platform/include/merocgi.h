@@ -45,7 +45,9 @@ MERO_EXTERN_C_BEGIN
  *   word  7  registry        current-users registry name (owned copy)
  *   word  8  extra           extra session text (owned copy)
  *   word  9  headerPrinted   1 once the header block was printed
- *   words 10-12              reserved, 0
+ *   word 10  session         the session found by the last successful
+ *                            MeroCgiIsAuthorizedEx (owned; its options)
+ *   words 11-12              reserved, 0
  *   word 13  sessionTimeout  session time-out (minutes; 0 and -1 passed on)
  *   word 14  skipCheckIP     1: do not tie a session to its client address
  * On 64-bit Linux pointer fields are 8 bytes; the record is 96 bytes there
@@ -61,7 +63,8 @@ typedef struct _tag_MEROCGI_STATE {
   char* registry;
   char* extra;
   int headerPrinted;
-  int reserved[3];
+  struct _tag_MEROCGI_SESSION* session;
+  int reserved[2];
   int sessionTimeout;
   int skipCheckIP;
 } MEROCGI_STATE;
@@ -232,6 +235,132 @@ MERO_EXPORT char* MeroCgiHashToJsonString(MLIBSZHASH** table);
  * primary subtag, so de-AT gives de and zh gives zh-CN); else "en". Computed once per state and cached; static
  * text, never null for a non-null state (null state: null). */
 MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
+
+/* ---- sessions ------------------------------------------------------------ */
+
+/* Sessions live in one SQLite database, MERO_CGI_SESSION_DB under the
+ * appliance root (merocore.h), created by the first writer (login, or the
+ * webapi-session tool) with mode 0600 in a 0700 directory: it must belong
+ * to the user the CGI programs run as. A request opens it only when it
+ * checks a session, and never creates it.
+ *
+ * A session identifier is 256 bits from getrandom(2) as 43 characters of
+ * URL-safe base64 (A-Z a-z 0-9 - _). Only its SHA-256 is stored, so a copy
+ * of the database logs nobody in. A session row holds: registry (the
+ * current-users registry name of its session name), user, client address,
+ * created, last seen, lifetime (seconds from creation; 0 none), CSRF token
+ * (option 2), login state (option 13: "1" active, "2" ended by another
+ * login) and privileges (words separated by blanks).
+ *
+ * Writers wait up to MERO_CGI_SESSION_BUSY_MS for one another; a reader
+ * never sees a half-written row. */
+#define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.db"
+#define MERO_CGI_SESSION_BUSY_MS 5000
+/* Last-seen times are written at most this often per session: a check within
+ * this many seconds of the last write only reads. The idle limit is counted
+ * in minutes, so the sliding window loses at most this much. */
+#define MERO_CGI_SESSION_TOUCH_SECONDS 60
+#define MERO_CGI_SESSION_ID_CHARS 43
+
+/* Results of MeroCgiIsAuthorizedEx and the session operations below. -5 is
+ * left to the library ("the request carries no session identifier"). */
+#define MERO_SESSION_AUTHORIZED 1
+#define MERO_SESSION_EXPIRED (-1)      /* idle for longer than the time-out, or past its lifetime */
+#define MERO_SESSION_UNKNOWN (-2)      /* no such session in this registry (or revoked, or no store) */
+#define MERO_SESSION_ENDED (-3)        /* ended by another login, or used from another address */
+#define MERO_SESSION_NO_PRIVILEGE (-4) /* the session lacks the required privilege */
+#define MERO_SESSION_STORE_ERROR (-6)  /* the store could not be read or written (logged) */
+#define MERO_SESSION_INVALID (-7)      /* a null or unusable argument */
+
+/* The options record of MeroCgiIsAuthorizedEx: two words that the library
+ * passes as 31 and 0. Neither changes the check on this platform. */
+typedef struct _tag_MEROCGI_AUTH_OPTIONS {
+  unsigned int flags;
+  unsigned int reserved;
+} MEROCGI_AUTH_OPTIONS;
+
+/* Checks session `sid` in the state's registry (MeroCgiInitEx /
+ * MeroCgiSetSessionParam; a bare session name is taken as
+ * "<name>.current.users", folded to lower case), in this order:
+ *   found in the registry             else MERO_SESSION_UNKNOWN
+ *   not ended by another login        else MERO_SESSION_ENDED
+ *   within its lifetime, and used within sessionTimeout minutes of its last
+ *   use (timeout 0: no idle limit; negative: always expired)
+ *                                     else MERO_SESSION_EXPIRED
+ *   from its client address, REMOTE_ADDR, compared as addresses (unless
+ *   skipCheckIP)                      else MERO_SESSION_ENDED
+ *   holding `privilege` (null or "": none needed)
+ *                                     else MERO_SESSION_NO_PRIVILEGE
+ * and returns MERO_SESSION_AUTHORIZED, the last use becoming now (written at
+ * most every MERO_CGI_SESSION_TOUCH_SECONDS). Whenever the session was
+ * found, whatever the result, its user name is written into `user` (cut to
+ * userSize - 1 bytes, zero-ended); when it was not found `user` is left as
+ * it was. MERO_SESSION_STORE_ERROR when the store cannot be read;
+ * MERO_SESSION_INVALID for a null state, sid or user, or userSize < 1. On
+ * success the session's options become readable with MeroCgiGetOption. */
+MERO_EXPORT int MeroCgiIsAuthorizedEx(MEROCGI_STATE* state, const char* sid, char* user,
+                                      int userSize, const MEROCGI_AUTH_OPTIONS* options,
+                                      const char* privilege);
+
+/* Option `option` of the session found by the last successful
+ * MeroCgiIsAuthorizedEx on this state, or `def`: 2 the CSRF token, 13 the
+ * login state ("1"). Any other option, and every option before a successful
+ * check, gives `def`. The text lives as long as the state. */
+MERO_EXPORT const char* MeroCgiGetOption(MEROCGI_STATE* state, int option, const char* def);
+
+/* Writes the session database's path (under the appliance root) into `buf`.
+ * One store serves every state, so `state` may be null. 1 on success; 0
+ * when `buf` is null or `size` is too small (then `buf` holds "" when
+ * size >= 1). */
+MERO_EXPORT int MeroCgiGetSessPath(MEROCGI_STATE* state, char* buf, int size);
+
+/* ---- session administration (login, the webapi-session tool) ------------ */
+
+/* What MeroCgiSessionList reports of a session: never its identifier.
+ * `ref` is the first 16 hex digits of the identifier's SHA-256, enough to
+ * name the session to MeroCgiSessionRevoke. */
+typedef struct _tag_MEROCGI_SESSION_INFO {
+  const char* ref;
+  const char* registry;
+  const char* user;
+  const char* client;
+  long long created;  /* seconds since the epoch */
+  long long lastSeen; /* seconds since the epoch */
+  long long lifetime; /* seconds from creation; 0: none */
+  int state;          /* 1 active, 2 ended by another login */
+  const char* privileges;
+} MEROCGI_SESSION_INFO;
+
+/* Creates a session for `user` used from `client` in `registry` (bare
+ * session names are folded as for MeroCgiIsAuthorizedEx), with `lifetime`
+ * seconds (0: none) and `privileges` (null: none), and writes its identifier
+ * into `id` (MERO_CGI_SESSION_ID_CHARS + 1 bytes at least). With
+ * `endOthers` non-zero, the user's other sessions in the registry are ended
+ * (they then answer MERO_SESSION_ENDED). Creates the database when needed.
+ * Returns MERO_SESSION_AUTHORIZED, MERO_SESSION_INVALID (null or empty user,
+ * registry or client; `idSize` too small), or MERO_SESSION_STORE_ERROR
+ * (logged). */
+MERO_EXPORT int MeroCgiSessionCreate(const char* registry, const char* user, const char* client,
+                                     long long lifetime, const char* privileges, int endOthers,
+                                     char* id, int idSize);
+
+/* Calls `visit` once per session, oldest first; the texts live during the
+ * call only. Returns the number of sessions, or MERO_SESSION_STORE_ERROR.
+ * No database: 0. */
+MERO_EXPORT int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* info, void* context),
+                                   void* context);
+
+/* Removes sessions: the one whose identifier is `id` (when not null), else
+ * those whose ref starts with `refPrefix` (at least 8 hex digits; refused
+ * with MERO_SESSION_INVALID when it names more than one session), else all
+ * of `user`'s. Returns the number removed (0 when none matched), or
+ * MERO_SESSION_INVALID / MERO_SESSION_STORE_ERROR. */
+MERO_EXPORT int MeroCgiSessionRevoke(const char* id, const char* refPrefix, const char* user);
+
+/* Removes every session past its lifetime, or idle for longer than
+ * `idleMinutes` (> 0; 0 or less: only lifetimes count). Returns the number
+ * removed, or MERO_SESSION_STORE_ERROR. */
+MERO_EXPORT int MeroCgiSessionPurge(int idleMinutes);
 
 MERO_EXTERN_C_END
 

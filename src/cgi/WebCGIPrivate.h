@@ -44,6 +44,11 @@ class WebCGIPrivate {
   void SetErrorLog(bool enable);
   bool LoadJSONParam(char* line);
 
+  int IsAuthorized();
+  int CheckAuthorized();
+  std::string GetMeroToken();
+  std::string GetDevicePkey();
+
   int AddHeader(const char* name, const char* value);
   Json::Value GetHeaders();
   Json::Value GetSetHeaders();

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "merocgi.h"
+#include "session/SessionOptions.h"
 
 // Field order is the appliance's record layout; on its 32-bit target every
 // field is one word and these are the byte offsets the library was built for.
@@ -17,7 +18,8 @@ static_assert(offsetof(MEROCGI_STATE, inCookieTable) < offsetof(MEROCGI_STATE, q
                   offsetof(MEROCGI_STATE, headerTable) < offsetof(MEROCGI_STATE, registry) &&
                   offsetof(MEROCGI_STATE, registry) < offsetof(MEROCGI_STATE, extra) &&
                   offsetof(MEROCGI_STATE, extra) < offsetof(MEROCGI_STATE, headerPrinted) &&
-                  offsetof(MEROCGI_STATE, headerPrinted) < offsetof(MEROCGI_STATE, reserved) &&
+                  offsetof(MEROCGI_STATE, headerPrinted) < offsetof(MEROCGI_STATE, session) &&
+                  offsetof(MEROCGI_STATE, session) < offsetof(MEROCGI_STATE, reserved) &&
                   offsetof(MEROCGI_STATE, reserved) < offsetof(MEROCGI_STATE, sessionTimeout) &&
                   offsetof(MEROCGI_STATE, sessionTimeout) < offsetof(MEROCGI_STATE, skipCheckIP),
               "CGI state fields keep the appliance's order");
@@ -84,6 +86,7 @@ void MeroCgiFree(MEROCGI_STATE* state) {
   MLIBCSzHashFree(state->headerTable);
   std::free(state->registry);
   std::free(state->extra);
+  delete state->session;
   std::memset(state, 0, sizeof *state);
 }
 

@@ -1,0 +1,126 @@
+// Session administration: creating sessions (login, the webapi-session
+// tool), listing them without their identifiers, revoking and purging.
+#include <time.h>
+
+#include <cstring>
+#include <string>
+
+#include "../CgiLog.h"
+#include "SessionDb.h"
+#include "SessionKeys.h"
+#include "merocgi.h"
+
+namespace {
+
+constexpr size_t kCsrfTokenBytes = 24;
+constexpr size_t kMinRefPrefix = 8;
+
+bool IsHex(const std::string& text) {
+  return text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+}
+
+int OpenWriter(merocgi::SessionDb& db) {
+  return db.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened
+             ? 0
+             : MERO_SESSION_STORE_ERROR;
+}
+
+int Create(const char* registry, const char* user, const char* client, long long lifetime,
+           const char* privileges, bool endOthers, char* id) {
+  merocgi::SessionRow row;
+  const std::string sid = merocgi::NewSessionId();
+  row.csrf = merocgi::RandomToken(kCsrfTokenBytes);
+  if (sid.empty() || row.csrf.empty()) return MERO_SESSION_STORE_ERROR;
+  row.idHash = merocgi::SessionIdHash(sid);
+  row.registry = merocgi::CanonicalRegistry(registry);
+  row.user = user;
+  row.client = client;
+  row.created = row.lastSeen = static_cast<int64_t>(::time(nullptr));
+  row.lifetime = lifetime > 0 ? lifetime : 0;
+  row.privileges = privileges ? privileges : "";
+
+  merocgi::SessionDb db;
+  if (const int failed = OpenWriter(db)) return failed;
+  if (db.Insert(row, endOthers) < 0) return MERO_SESSION_STORE_ERROR;
+  std::memcpy(id, sid.c_str(), sid.size() + 1);
+  return MERO_SESSION_AUTHORIZED;
+}
+
+}  // namespace
+
+extern "C" {
+
+int MeroCgiSessionCreate(const char* registry, const char* user, const char* client,
+                         long long lifetime, const char* privileges, int endOthers, char* id,
+                         int idSize) {
+  if (!registry || !user || !*user || !client || !*client || !id ||
+      idSize < MERO_CGI_SESSION_ID_CHARS + 1)
+    return MERO_SESSION_INVALID;
+  try {
+    return Create(registry, user, client, lifetime, privileges, endOthers != 0, id);
+  } catch (...) {
+    MEROCGI_LOG("session create failed: out of memory");
+    return MERO_SESSION_STORE_ERROR;
+  }
+}
+
+int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* info, void* context),
+                       void* context) {
+  if (!visit) return MERO_SESSION_INVALID;
+  try {
+    merocgi::SessionDb db;
+    switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
+      case merocgi::SessionDb::OpenResult::kMissing: return 0;
+      case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
+      case merocgi::SessionDb::OpenResult::kOpened: break;
+    }
+    const int rows = db.ForEach([&](const merocgi::SessionRow& row) {
+      const std::string ref = merocgi::SessionRef(row.idHash);
+      const MEROCGI_SESSION_INFO info = {ref.c_str(), row.registry.c_str(), row.user.c_str(),
+                                         row.client.c_str(), row.created, row.lastSeen,
+                                         row.lifetime, row.state, row.privileges.c_str()};
+      visit(&info, context);
+    });
+    return rows < 0 ? MERO_SESSION_STORE_ERROR : rows;
+  } catch (...) {
+    MEROCGI_LOG("session list failed: out of memory");
+    return MERO_SESSION_STORE_ERROR;
+  }
+}
+
+int MeroCgiSessionRevoke(const char* id, const char* refPrefix, const char* user) {
+  try {
+    if (!id && refPrefix && (std::strlen(refPrefix) < kMinRefPrefix || !IsHex(refPrefix)))
+      return MERO_SESSION_INVALID;
+    if (!id && !refPrefix && (!user || !*user)) return MERO_SESSION_INVALID;
+    merocgi::SessionDb db;
+    if (const int failed = OpenWriter(db)) return failed;
+    int removed;
+    if (id)
+      removed = db.Delete(merocgi::SessionIdHash(id));
+    else if (refPrefix)
+      removed = db.DeleteByRefPrefix(refPrefix);
+    else
+      removed = db.DeleteByUser(user);
+    if (removed == -2) return MERO_SESSION_INVALID;
+    return removed < 0 ? MERO_SESSION_STORE_ERROR : removed;
+  } catch (...) {
+    MEROCGI_LOG("session revoke failed: out of memory");
+    return MERO_SESSION_STORE_ERROR;
+  }
+}
+
+int MeroCgiSessionPurge(int idleMinutes) {
+  try {
+    merocgi::SessionDb db;
+    if (const int failed = OpenWriter(db)) return failed;
+    const int removed = db.Purge(static_cast<int64_t>(::time(nullptr)),
+                                 idleMinutes > 0 ? int64_t(idleMinutes) * 60 : 0);
+    return removed < 0 ? MERO_SESSION_STORE_ERROR : removed;
+  } catch (...) {
+    MEROCGI_LOG("session purge failed: out of memory");
+    return MERO_SESSION_STORE_ERROR;
+  }
+}
+
+}  // extern "C"

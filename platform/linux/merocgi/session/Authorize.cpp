@@ -1,0 +1,116 @@
+// The session check of a request, and the options of the session it found.
+#include <time.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "../CgiLog.h"
+#include "SessionDb.h"
+#include "SessionKeys.h"
+#include "SessionOptions.h"
+#include "merocgi.h"
+
+namespace {
+
+constexpr int kOptionCsrfToken = 2;
+constexpr int kOptionLoginState = 13;
+
+int64_t Now() { return static_cast<int64_t>(::time(nullptr)); }
+
+void CopyUser(const std::string& user, char* buffer, int size) {
+  const size_t length = std::min(user.size(), static_cast<size_t>(size - 1));
+  std::memcpy(buffer, user.data(), length);
+  buffer[length] = '\0';
+}
+
+bool HasPrivilege(const std::string& privileges, const char* wanted) {
+  const size_t wantedLength = std::strlen(wanted);
+  size_t start = 0;
+  while (start < privileges.size()) {
+    size_t end = privileges.find(' ', start);
+    if (end == std::string::npos) end = privileges.size();
+    if (end - start == wantedLength && privileges.compare(start, wantedLength, wanted) == 0)
+      return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+bool IsExpired(const merocgi::SessionRow& row, int timeoutMinutes, int64_t now) {
+  if (row.lifetime > 0 && now - row.created > row.lifetime) return true;
+  if (timeoutMinutes < 0) return true;
+  return timeoutMinutes > 0 && now - row.lastSeen > int64_t(timeoutMinutes) * 60;
+}
+
+int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
+              const char* privilege) {
+  if (!merocgi::IsSessionIdShape(sid)) return MERO_SESSION_UNKNOWN;
+  merocgi::SessionDb db;
+  switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
+    case merocgi::SessionDb::OpenResult::kMissing: return MERO_SESSION_UNKNOWN;
+    case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
+    case merocgi::SessionDb::OpenResult::kOpened: break;
+  }
+  const merocgi::Sha256Digest idHash = merocgi::SessionIdHash(sid);
+  merocgi::SessionRow row;
+  const int found = db.Find(idHash, merocgi::CanonicalRegistry(state->registry), &row);
+  if (found < 0) return MERO_SESSION_STORE_ERROR;
+  if (found == 0) return MERO_SESSION_UNKNOWN;
+  CopyUser(row.user, user, userSize);
+
+  const int64_t now = Now();
+  if (row.state != static_cast<int>(merocgi::SessionState::kActive)) return MERO_SESSION_ENDED;
+  if (IsExpired(row, state->sessionTimeout, now)) return MERO_SESSION_EXPIRED;
+  if (!state->skipCheckIP) {
+    const char* remote = std::getenv("REMOTE_ADDR");
+    if (!remote || !merocgi::SameClientAddress(row.client, remote)) return MERO_SESSION_ENDED;
+  }
+  if (privilege && *privilege && !HasPrivilege(row.privileges, privilege))
+    return MERO_SESSION_NO_PRIVILEGE;
+
+  // A lost last-seen write costs at most one touch interval of idle time;
+  // it never fails the request.
+  if (now - row.lastSeen >= MERO_CGI_SESSION_TOUCH_SECONDS) db.Touch(idHash, now);
+
+  auto* options = new (std::nothrow) _tag_MEROCGI_SESSION{row.csrf, std::to_string(row.state)};
+  if (!options) return MERO_SESSION_STORE_ERROR;
+  delete state->session;
+  state->session = options;
+  return MERO_SESSION_AUTHORIZED;
+}
+
+}  // namespace
+
+extern "C" {
+
+int MeroCgiIsAuthorizedEx(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
+                          const MEROCGI_AUTH_OPTIONS* /*options: no effect here*/,
+                          const char* privilege) {
+  if (!state || !sid || !user || userSize < 1) return MERO_SESSION_INVALID;
+  try {
+    return Authorize(state, sid, user, userSize, privilege);
+  } catch (...) {
+    MEROCGI_LOG("session check failed: out of memory");
+    return MERO_SESSION_STORE_ERROR;
+  }
+}
+
+const char* MeroCgiGetOption(MEROCGI_STATE* state, int option, const char* def) {
+  if (!state || !state->session) return def;
+  if (option == kOptionCsrfToken) return state->session->csrfToken.c_str();
+  if (option == kOptionLoginState) return state->session->loginState.c_str();
+  return def;
+}
+
+int MeroCgiGetSessPath(MEROCGI_STATE* /*state: one store for all*/, char* buf, int size) {
+  if (!buf || size < 1) return 0;
+  buf[0] = '\0';
+  const std::string path = merocgi::SessionDb::Path();
+  if (path.size() >= static_cast<size_t>(size)) return 0;
+  std::memcpy(buf, path.c_str(), path.size() + 1);
+  return 1;
+}
+
+}  // extern "C"
