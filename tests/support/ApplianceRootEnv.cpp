@@ -11,7 +11,7 @@ namespace {
 const char* const kCgiVariables[] = {
     "REQUEST_METHOD", "QUERY_STRING",           "CONTENT_LENGTH", "CONTENT_TYPE",
     "HTTP_COOKIE",    "HTTP_ACCEPT_LANGUAGE",   "HTTP_HOST",      "HTTP_REFERER",
-    "HTTPS",          "HTTP_X_FORWARDED_PROTO", "REWRITE_APP"};
+    "HTTPS",          "HTTP_X_FORWARDED_PROTO", "REWRITE_APP",    "REMOTE_ADDR"};
 
 class RootRemover : public ::testing::Environment {
  public:

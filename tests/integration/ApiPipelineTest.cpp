@@ -1,0 +1,212 @@
+// Whole requests through MERO::WebAPI: a CGI program run as a child process
+// against a real session store, each answer compared byte for byte.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <map>
+#include <string>
+
+#include "ApplianceRootEnv.h"
+#include "ChildProcess.h"
+#include "merocgi.h"
+
+namespace {
+
+using Env = std::map<std::string, std::string>;
+using webapi_test::WriteRootFile;
+
+constexpr char kDescription[] = R"({
+  "Probe.Item": {"minVersion": 1, "maxVersion": 2,
+                 "methods": {"1": ["list", "get"], "2": ["list", "get", "export", "fail"]},
+                 "allowDownload": {"2": ["export"]}},
+  "Probe.Broken": {"minVersion": 1}
+})";
+
+constexpr char kJsonHeader[] = "Content-type: text/plain; charset=\"UTF-8\"\r\n\r\n";
+
+std::string Envelope(const std::string& json) { return kJsonHeader + json + "\n"; }
+std::string Error(int code) {
+  return Envelope(R"({"error":{"code":)" + std::to_string(code) + R"(},"success":false})");
+}
+
+class ApiPipelineTest : public webapi_test::ApplianceRootTest {
+ protected:
+  void SetUp() override {
+    ApplianceRootTest::SetUp();
+    WriteRootFile("usr/mero/meroman/webapi/probe.api", kDescription);
+    WriteRootFile("usr/mero/meroman/webapi/probe.auth", R"({"timeout": 30, "ip_checking": true})");
+    WriteRootFile("usr/mero/meroman/webapi/probeadmin.auth",
+                  R"({"ip_checking": true, "privilege": "admin"})");
+  }
+
+  // A session in `registry` for alice from 127.0.0.1.
+  std::string NewSession(const char* registry = "probe", const char* privileges = nullptr,
+                         bool endOthers = false, const char* user = "alice") {
+    char id[MERO_CGI_SESSION_ID_CHARS + 1];
+    EXPECT_EQ(MeroCgiSessionCreate(registry, user, "127.0.0.1", 0, privileges, endOthers, id,
+                                   sizeof id),
+              MERO_SESSION_AUTHORIZED);
+    return id;
+  }
+
+  // Runs the probe on a GET with `query`; returns its standard output.
+  webapi_test::ChildResult Get(const std::string& query, Env env = {}) {
+    env["REQUEST_METHOD"] = "GET";
+    env["QUERY_STRING"] = query;
+    env["MERO_APPLIANCE_ROOT"] = root().string();
+    if (!env.count("REMOTE_ADDR")) env["REMOTE_ADDR"] = "127.0.0.1";
+    if (!env.count("PROBE_SESSION")) env["PROBE_SESSION"] = "probe";
+    webapi_test::ChildResult child = webapi_test::RunChild(API_PROBE_PATH, env, "");
+    EXPECT_EQ(child.exitStatus, 0) << child.err;
+    return child;
+  }
+
+  void RunSql(const std::string& sql) {
+    char path[4096];
+    ASSERT_EQ(MeroCgiGetSessPath(nullptr, path, sizeof path), 1);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path, &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    sqlite3_close(db);
+  }
+};
+
+TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
+  const std::string item = "api=Probe.Item&";
+  struct Case {
+    std::string query;
+    std::string expected;
+  } cases[] = {
+      {"method=get&version=1", Error(101)},
+      {item + "version=1", Error(101)},
+      {item + "method=get", Error(101)},
+      {item + "method=get&version=x", Error(101)},
+      {"api=Probe.Other&method=get&version=1", Error(102)},
+      {"api=Probe.Broken&method=get&version=1", Error(102)},
+      {item + "method=export&version=1", Error(103)},
+      {item + "method=get&version=%202", Error(103)},  // parses as 2, but no "methods" key " 2"
+      {item + "method=get&version=3", Error(104)},
+      {item + "method=get&version=0", Error(104)},
+      // Valid, but no session: only now does the session check answer.
+      {item + "method=GET&version=2", Error(105)},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
+}
+
+TEST_F(ApiPipelineTest, UnknownApiIsLoggedOnce) {
+  const webapi_test::ChildResult child = Get("api=Probe.Other&method=get&version=1");
+  EXPECT_EQ(child.out, Error(102));
+  EXPECT_NE(child.err.find("Bad API(Probe.Other) description."), std::string::npos) << child.err;
+}
+
+TEST_F(ApiPipelineTest, UploadWithoutUploadHandlerIsLoggedAndGoesOn) {
+  const std::string body =
+      "--b\r\nContent-Disposition: form-data; name=\"api\"\r\n\r\nProbe.Item\r\n--b--\r\n";
+  // The body's fields are never read without an upload handler; the query
+  // string of a POST still is, so such a request goes on to the session check.
+  for (const auto& [query, expected] : {std::pair<std::string, std::string>{"", Error(101)},
+                                        {"api=Probe.Item&method=get&version=1", Error(105)}}) {
+    const webapi_test::ChildResult child = webapi_test::RunChild(
+        API_PROBE_PATH,
+        {{"REQUEST_METHOD", "POST"},
+         {"CONTENT_TYPE", "multipart/form-data; boundary=b"},
+         {"CONTENT_LENGTH", std::to_string(body.size())},
+         {"QUERY_STRING", query},
+         {"MERO_APPLIANCE_ROOT", root().string()}},
+        body);
+    EXPECT_EQ(child.out, expected) << query;
+    EXPECT_NE(child.err.find("UnHandled Upload File Operation."), std::string::npos) << child.err;
+  }
+}
+
+TEST_F(ApiPipelineTest, MalformedOrMissingDescriptionRefusesEveryApi) {
+  WriteRootFile("usr/mero/meroman/webapi/broken.api", R"({"Probe.Item": {"minVersion": 1,)");
+  for (const char* file : {"broken.api", "missing.api"})
+    EXPECT_EQ(Get("api=Probe.Item&method=get&version=1", {{"PROBE_DESCRIPTION", file}}).out,
+              Error(102))
+        << file;
+}
+
+TEST_F(ApiPipelineTest, SessionResultsBecomeTheirCodes) {
+  const std::string query = "api=Probe.Item&method=get&version=1";
+  const std::string success =
+      Envelope(R"({"data":{"api":"Probe.Item","method":"get","tokenLength":32,)"
+               R"("user":"alice","version":1},"success":true})");
+
+  const std::string valid = NewSession();
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}}).out, success);
+
+  // A well-formed id that names no session, and one that is not an id.
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + std::string(43, 'A')}}).out, Error(105));
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=short"}}).out, Error(105));
+
+  // Used from another address; the same address written another way is the same.
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}, {"REMOTE_ADDR", "10.0.0.9"}}).out,
+            Error(107));
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}, {"REMOTE_ADDR", "::ffff:127.0.0.1"}}).out,
+            success);
+
+  // Idle past the 30-minute time-out of probe.auth.
+  const std::string idle = NewSession();
+  RunSql("UPDATE sessions SET last_seen = last_seen - 31 * 60");
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + idle}}).out, Error(106));
+
+  // Ended by a later login of the same user.
+  const std::string older = NewSession();
+  const std::string newer = NewSession("probe", nullptr, true);
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + older}}).out, Error(107));
+  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + newer}}).out, success);
+}
+
+TEST_F(ApiPipelineTest, PrivilegeOfTheSessionName) {
+  const std::string query = "api=Probe.Item&method=get&version=1";
+  const Env admin = {{"PROBE_SESSION", "probeadmin"}};
+  Env without = admin, with = admin;
+  without["HTTP_COOKIE"] = "id=" + NewSession("probeadmin");
+  with["HTTP_COOKIE"] = "id=" + NewSession("probeadmin", "backup admin");
+  EXPECT_EQ(Get(query, without).out, Error(105));
+  EXPECT_NE(Get(query, with).out.find(R"("success":true)"), std::string::npos);
+}
+
+TEST_F(ApiPipelineTest, SidParameterStandsInForTheCookie) {
+  const std::string valid = NewSession();
+  const std::string query = "api=Probe.Item&method=get&version=1&_sid=";
+  const std::string bogus = std::string(43, 'B');
+  EXPECT_NE(Get(query + valid, {{"HTTP_COOKIE", "id=" + bogus}}).out.find(R"("user":"alice")"),
+            std::string::npos);
+  EXPECT_EQ(Get(query + bogus, {{"HTTP_COOKIE", "id=" + valid}}).out, Error(105));
+  // An empty _sid is no _sid: the cookie decides.
+  EXPECT_NE(Get(query, {{"HTTP_COOKIE", "id=" + valid}}).out.find(R"("success":true)"),
+            std::string::npos);
+}
+
+TEST_F(ApiPipelineTest, SessionOfTheDefaultRegistryIsFoundByFallback) {
+  const std::string session = NewSession("current.users", nullptr, false, "bob");
+  EXPECT_NE(Get("api=Probe.Item&method=get&version=1", {{"HTTP_COOKIE", "id=" + session}})
+                .out.find(R"("user":"bob")"),
+            std::string::npos);
+}
+
+TEST_F(ApiPipelineTest, DownloadMethodWritesOnlyWhatTheHandlerWrites) {
+  const std::string valid = NewSession();
+  const Env cookie = {{"HTTP_COOKIE", "id=" + valid}};
+  EXPECT_EQ(Get("api=Probe.Item&method=EXPORT&version=2", cookie).out,
+            "Content-type: application/octet-stream\r\n\r\nexported bytes");
+  // Refused download: nothing at all, not even an envelope.
+  EXPECT_EQ(Get("api=Probe.Item&method=export&version=2").out, "");
+  // "02" validates as version 2, but allowDownload is keyed by "2" only and
+  // "methods" has no "02": 103.
+  EXPECT_EQ(Get("api=Probe.Item&method=export&version=02", cookie).out, Error(103));
+}
+
+TEST_F(ApiPipelineTest, HandlerResultsAndUncheckedRuns) {
+  const std::string valid = NewSession();
+  EXPECT_EQ(Get("api=Probe.Item&method=fail&version=2", {{"HTTP_COOKIE", "id=" + valid}}).out,
+            Envelope(R"({"error":{"code":400,"errors":{"name":"x"}},"success":false})"));
+  // Run(false): no session needed, and the envelope is still written.
+  EXPECT_EQ(Get("api=Probe.Item&method=list&version=1", {{"PROBE_NO_CHECK", "1"}}).out,
+            Envelope(R"({"data":{"api":"Probe.Item","method":"list","tokenLength":0,)"
+                     R"("user":"","version":1},"success":true})"));
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+// A CGI program on MERO::WebAPI for the pipeline tests. Its description and
+// session name come from the environment:
+//   PROBE_DESCRIPTION  description file name (default "probe.api")
+//   PROBE_SESSION      session name (unset: null)
+//   PROBE_NO_CHECK     set: Run(false)
+// Methods: "get"/"list" answer what the handler saw; "fail" answers error
+// 400 with detail; "export" (a download method) prints its own output.
+#include <syslog.h>
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "webapi/WebAPI.h"
+
+namespace {
+
+const char* EnvOr(const char* name, const char* fallback) {
+  const char* value = std::getenv(name);
+  return value ? value : fallback;
+}
+
+class ProbeApi : public MERO::WebAPI {
+ public:
+  ProbeApi() : WebAPI(EnvOr("PROBE_DESCRIPTION", "probe.api"), std::getenv("PROBE_SESSION")) {}
+
+  void HandleRequest() override {
+    if (strcasecmp(method, "export") == 0) {
+      std::fputs("Content-type: application/octet-stream\r\n\r\nexported bytes", stdout);
+      return;
+    }
+    if (strcasecmp(method, "fail") == 0) {
+      Json::Value detail;
+      detail["name"] = "x";
+      SetError(400, detail);
+      return;
+    }
+    Json::Value seen;
+    seen["api"] = api;
+    seen["method"] = method;
+    seen["version"] = version;
+    seen["user"] = cgi.GetLoginUserName();
+    seen["tokenLength"] = static_cast<int>(cgi.GetMeroToken().size());
+    SetResponse(seen);
+  }
+};
+
+}  // namespace
+
+int main() {
+  openlog("api_probe", LOG_PERROR, LOG_USER);
+  ProbeApi probe;
+  probe.Run(std::getenv("PROBE_NO_CHECK") == nullptr);
+  return 0;
+}
