@@ -1,0 +1,94 @@
+// The session store's small rules: the identifier hash, identifier shape,
+// registry names and client-address comparison.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "session/SessionKeys.h"
+#include "session/Sha256.h"
+
+namespace {
+
+std::string Hex(const merocgi::Sha256Digest& digest) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text;
+  for (uint8_t byte : digest) {
+    text += kHex[byte >> 4];
+    text += kHex[byte & 15];
+  }
+  return text;
+}
+
+TEST(Sha256Test, KnownAnswers) {
+  struct Case {
+    std::string message;
+    const char* digest;
+  } cases[] = {
+      {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+      {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+      // 56 bytes: the length no longer fits the first block.
+      {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+       "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+      // 55 bytes: the last length that fits one block; 64: a whole block.
+      {std::string(55, 'a'), "9f4390f8d30c2dd92ec9f095b65e2b9ae9b0a925a5258e241c9f1e910f734318"},
+      {std::string(64, 'a'), "ffe054fe7ae0cb6dc65c3af9b61d5209f439851db43d0ba5997337df154668eb"},
+      {std::string(1000000, 'a'),
+       "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(Hex(merocgi::Sha256(c.message.data(), c.message.size())), c.digest)
+        << c.message.size() << " bytes";
+}
+
+TEST(SessionKeysTest, NewIdentifiersHaveTheirShapeAndDiffer) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 64; ++i) {
+    const std::string id = merocgi::NewSessionId();
+    EXPECT_TRUE(merocgi::IsSessionIdShape(id.c_str())) << id;
+    seen.insert(id);
+  }
+  EXPECT_EQ(seen.size(), 64u);
+  for (const std::string& bad : {std::string(42, 'a'), std::string(44, 'a'),
+                                 std::string(42, 'a') + "=", std::string(42, 'a') + "/",
+                                 std::string(42, 'a') + "+", std::string()})
+    EXPECT_FALSE(merocgi::IsSessionIdShape(bad.c_str())) << bad;
+}
+
+TEST(SessionKeysTest, RegistryNames) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"zel", "zel.current.users"},
+      {"MyApp", "myapp.current.users"},
+      {"myapp.current.users", "myapp.current.users"},
+      {"MyApp.Current.Users", "myapp.current.users"},
+      {"current.users", "current.users"},
+      {"", "current.users"},
+      {nullptr, "current.users"},
+      {"xcurrent.users", "xcurrent.users.current.users"},
+  };
+  for (const auto& [given, stored] : cases)
+    EXPECT_EQ(merocgi::CanonicalRegistry(given), stored) << (given ? given : "(null)");
+}
+
+TEST(SessionKeysTest, ClientAddresses) {
+  struct Case {
+    const char* stored;
+    const char* current;
+    bool same;
+  } cases[] = {
+      {"127.0.0.1", "127.0.0.1", true},
+      {"127.0.0.1", "::ffff:127.0.0.1", true},
+      {"::1", "0:0:0:0:0:0:0:1", true},
+      {"2001:db8::1", "2001:DB8::1", true},
+      {"127.0.0.1", "127.0.0.2", false},
+      {"::1", "127.0.0.1", false},
+      {"127.0.0.1", "127.0.0.1 ", false},  // not an address: compared as text
+      {"unix", "unix", true},
+      {"", "127.0.0.1", false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(merocgi::SameClientAddress(c.stored, c.current), c.same)
+        << c.stored << " vs " << c.current;
+}
+
+}  // namespace
