@@ -6,7 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang clang-14 libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libjsoncpp-dev
+  libjsoncpp-dev liblmdb-dev
 )
 missing=()
 for package in "${packages[@]}"; do

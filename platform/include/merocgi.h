@@ -238,24 +238,27 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
 
 /* ---- sessions ------------------------------------------------------------ */
 
-/* Sessions live in one SQLite database, MERO_CGI_SESSION_DB under the
- * appliance root (merocore.h), created by the first writer (login, or the
- * webapi-session tool) with mode 0600 in a 0700 directory: it must belong
- * to the user the CGI programs run as. A request opens it only when it
- * checks a session, and never creates it.
+/* Sessions live in one LMDB store, MERO_CGI_SESSION_DB under the appliance
+ * root (merocore.h), with its lock file beside it ("<path>-lock"), created
+ * by the first writer (login, or the webapi-session tool) with mode 0600 in
+ * a 0700 directory: both files must belong to the user the CGI programs run
+ * as. A request opens the store only when it checks a session, read-only
+ * unless it writes a last-seen time, and never creates it.
  *
  * A session identifier is 256 bits from getrandom(2) as 43 characters of
  * URL-safe base64 (A-Z a-z 0-9 - _). Only its SHA-256 is stored, so a copy
- * of the database logs nobody in. A session row holds: registry (the
+ * of the store logs nobody in. A session record holds: registry (the
  * current-users registry name of its session name), user, client address,
  * created, last seen, lifetime (seconds from creation; 0 none), CSRF token
  * (option 2), login state (option 13: "1" active, "2" ended by another
  * login) and privileges (words separated by blanks).
  *
- * Writers wait up to MERO_CGI_SESSION_BUSY_MS for one another; a reader
- * never sees a half-written row. */
-#define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.db"
-#define MERO_CGI_SESSION_BUSY_MS 5000
+ * Readers never wait and never see a half-written record; writers take
+ * turns (one write transaction at a time, across processes). The store
+ * holds at most MERO_CGI_SESSION_STORE_BYTES of data, some 200,000
+ * sessions; a write beyond it fails with MERO_SESSION_STORE_ERROR. */
+#define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.mdb"
+#define MERO_CGI_SESSION_STORE_BYTES (64 * 1024 * 1024)
 /* Last-seen times are written at most this often per session: a check within
  * this many seconds of the last write only reads. The idle limit is counted
  * in minutes, so the sliding window loses at most this much. */
@@ -308,7 +311,7 @@ MERO_EXPORT int MeroCgiIsAuthorizedEx(MEROCGI_STATE* state, const char* sid, cha
  * check, gives `def`. The text lives as long as the state. */
 MERO_EXPORT const char* MeroCgiGetOption(MEROCGI_STATE* state, int option, const char* def);
 
-/* Writes the session database's path (under the appliance root) into `buf`.
+/* Writes the session store's path (under the appliance root) into `buf`.
  * One store serves every state, so `state` may be null. 1 on success; 0
  * when `buf` is null or `size` is too small (then `buf` holds "" when
  * size >= 1). */

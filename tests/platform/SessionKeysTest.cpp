@@ -91,4 +91,25 @@ TEST(SessionKeysTest, ClientAddresses) {
         << c.stored << " vs " << c.current;
 }
 
+TEST(SessionKeysTest, Expiry) {
+  const int64_t created = 1000000, now = created + 7200;
+  struct Case {
+    int64_t lifetime;
+    int64_t idleSeconds;  // now - lastSeen
+    int timeoutMinutes;
+    bool expired;
+  } cases[] = {
+      {0, 0, 30, false},        {0, 30 * 60, 30, false},  // exactly at the limit: still valid
+      {0, 30 * 60 + 1, 30, true}, {0, 86400, 0, false},   // 0: no idle limit
+      {0, 0, -1, true},                                   // negative: always expired
+      {7200, 0, 0, false},      {7199, 0, 0, true},       // lifetime counts from creation
+      {7199, 0, 10080, true},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(merocgi::IsSessionExpired(created, c.lifetime, now - c.idleSeconds,
+                                        c.timeoutMinutes, now),
+              c.expired)
+        << c.lifetime << " " << c.idleSeconds << " " << c.timeoutMinutes;
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // The session check of a request, and the options of the session it found.
 #include <time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -38,31 +39,29 @@ bool HasPrivilege(const std::string& privileges, const char* wanted) {
   return false;
 }
 
-bool IsExpired(const merocgi::SessionRow& row, int timeoutMinutes, int64_t now) {
-  if (row.lifetime > 0 && now - row.created > row.lifetime) return true;
-  if (timeoutMinutes < 0) return true;
-  return timeoutMinutes > 0 && now - row.lastSeen > int64_t(timeoutMinutes) * 60;
-}
-
 int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
               const char* privilege) {
   if (!merocgi::IsSessionIdShape(sid)) return MERO_SESSION_UNKNOWN;
-  merocgi::SessionDb db;
-  switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
-    case merocgi::SessionDb::OpenResult::kMissing: return MERO_SESSION_UNKNOWN;
-    case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
-    case merocgi::SessionDb::OpenResult::kOpened: break;
-  }
   const merocgi::Sha256Digest idHash = merocgi::SessionIdHash(sid);
   merocgi::SessionRow row;
-  const int found = db.Find(idHash, merocgi::CanonicalRegistry(state->registry), &row);
-  if (found < 0) return MERO_SESSION_STORE_ERROR;
-  if (found == 0) return MERO_SESSION_UNKNOWN;
+  {
+    merocgi::SessionDb reader;
+    switch (reader.Open(merocgi::SessionDb::Access::kRequest)) {
+      case merocgi::SessionDb::OpenResult::kMissing: return MERO_SESSION_UNKNOWN;
+      case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
+      case merocgi::SessionDb::OpenResult::kOpened: break;
+    }
+    const int found = reader.Find(idHash, merocgi::CanonicalRegistry(state->registry), &row);
+    if (found < 0) return MERO_SESSION_STORE_ERROR;
+    if (found == 0) return MERO_SESSION_UNKNOWN;
+  }
   CopyUser(row.user, user, userSize);
 
   const int64_t now = Now();
   if (row.state != static_cast<int>(merocgi::SessionState::kActive)) return MERO_SESSION_ENDED;
-  if (IsExpired(row, state->sessionTimeout, now)) return MERO_SESSION_EXPIRED;
+  if (merocgi::IsSessionExpired(row.created, row.lifetime, row.lastSeen, state->sessionTimeout,
+                                now))
+    return MERO_SESSION_EXPIRED;
   if (!state->skipCheckIP) {
     const char* remote = std::getenv("REMOTE_ADDR");
     if (!remote || !merocgi::SameClientAddress(row.client, remote)) return MERO_SESSION_ENDED;
@@ -70,9 +69,16 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   if (privilege && *privilege && !HasPrivilege(row.privileges, privilege))
     return MERO_SESSION_NO_PRIVILEGE;
 
-  // A lost last-seen write costs at most one touch interval of idle time;
-  // it never fails the request.
-  if (now - row.lastSeen >= MERO_CGI_SESSION_TOUCH_SECONDS) db.Touch(idHash, now);
+  // Rarely a write: the reader above is closed first, since LMDB's locks
+  // belong to the process and one environment may be open at a time. A lost
+  // last-seen write costs at most one touch interval of idle time; it never
+  // fails the request.
+  if (now - row.lastSeen >= MERO_CGI_SESSION_TOUCH_SECONDS) {
+    merocgi::SessionDb writer;
+    if (writer.Open(merocgi::SessionDb::Access::kWriter) ==
+        merocgi::SessionDb::OpenResult::kOpened)
+      writer.Touch(idHash, now);
+  }
 
   auto* options = new (std::nothrow) _tag_MEROCGI_SESSION{row.csrf, std::to_string(row.state)};
   if (!options) return MERO_SESSION_STORE_ERROR;

@@ -3,58 +3,104 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "../CgiLog.h"
+#include "SessionKeys.h"
 #include "merocgi.h"
 #include "merocore.h"
 
 namespace merocgi {
 namespace {
 
-constexpr const char kSchema[] =
-    "CREATE TABLE IF NOT EXISTS sessions("
-    " id_hash BLOB PRIMARY KEY, registry TEXT NOT NULL, user TEXT NOT NULL,"
-    " client TEXT NOT NULL, created INTEGER NOT NULL, last_seen INTEGER NOT NULL,"
-    " lifetime INTEGER NOT NULL, csrf TEXT NOT NULL, state INTEGER NOT NULL,"
-    " privileges TEXT NOT NULL) WITHOUT ROWID;"
-    "CREATE INDEX IF NOT EXISTS sessions_by_user ON sessions(user, registry);";
+constexpr uint8_t kRecordFormat = 1;
 
-constexpr const char kColumns[] =
-    "id_hash, registry, user, client, created, last_seen, lifetime, csrf, state, privileges";
+// Aborts a transaction unless it was committed (or handed back).
+class TxnOwner {
+ public:
+  explicit TxnOwner(MDB_txn* txn) : txn_(txn) {}
+  TxnOwner(const TxnOwner&) = delete;
+  TxnOwner& operator=(const TxnOwner&) = delete;
+  ~TxnOwner() {
+    if (txn_) mdb_txn_abort(txn_);
+  }
+  MDB_txn* Get() const { return txn_; }
+  int Commit() { return mdb_txn_commit(std::exchange(txn_, nullptr)); }
 
-std::string ColumnText(sqlite3_stmt* statement, int column) {
-  const unsigned char* text = sqlite3_column_text(statement, column);
-  return text ? reinterpret_cast<const char*>(text) : "";
+ private:
+  MDB_txn* txn_;
+};
+
+class CursorOwner {
+ public:
+  CursorOwner() = default;
+  CursorOwner(const CursorOwner&) = delete;
+  CursorOwner& operator=(const CursorOwner&) = delete;
+  ~CursorOwner() {
+    if (cursor_) mdb_cursor_close(cursor_);
+  }
+  MDB_cursor** Out() { return &cursor_; }
+  MDB_cursor* Get() const { return cursor_; }
+
+ private:
+  MDB_cursor* cursor_ = nullptr;
+};
+
+void PutInt(std::string* out, int64_t value) {
+  for (int i = 0; i < 8; ++i) out->push_back(static_cast<char>(uint64_t(value) >> (8 * i)));
+}
+void PutText(std::string* out, const std::string& text) {
+  const uint32_t size = static_cast<uint32_t>(text.size());
+  for (int i = 0; i < 4; ++i) out->push_back(static_cast<char>(size >> (8 * i)));
+  out->append(text);
 }
 
-void ReadRow(sqlite3_stmt* statement, SessionRow* row) {
-  const void* blob = sqlite3_column_blob(statement, 0);
-  if (blob && sqlite3_column_bytes(statement, 0) == static_cast<int>(row->idHash.size()))
-    std::memcpy(row->idHash.data(), blob, row->idHash.size());
-  row->registry = ColumnText(statement, 1);
-  row->user = ColumnText(statement, 2);
-  row->client = ColumnText(statement, 3);
-  row->created = sqlite3_column_int64(statement, 4);
-  row->lastSeen = sqlite3_column_int64(statement, 5);
-  row->lifetime = sqlite3_column_int64(statement, 6);
-  row->csrf = ColumnText(statement, 7);
-  row->state = sqlite3_column_int(statement, 8);
-  row->privileges = ColumnText(statement, 9);
+class Reader {
+ public:
+  Reader(const void* data, size_t size) : at_(static_cast<const uint8_t*>(data)), left_(size) {}
+  bool Int(int64_t* value) {
+    if (left_ < 8) return false;
+    uint64_t bits = 0;
+    for (int i = 0; i < 8; ++i) bits |= uint64_t(at_[i]) << (8 * i);
+    *value = static_cast<int64_t>(bits);
+    Skip(8);
+    return true;
+  }
+  bool Text(std::string* text) {
+    if (left_ < 4) return false;
+    const uint32_t size = at_[0] | at_[1] << 8 | at_[2] << 16 | uint32_t(at_[3]) << 24;
+    Skip(4);
+    if (left_ < size) return false;
+    text->assign(reinterpret_cast<const char*>(at_), size);
+    Skip(size);
+    return true;
+  }
+  bool Byte(uint8_t* value) {
+    if (left_ < 1) return false;
+    *value = *at_;
+    Skip(1);
+    return true;
+  }
+  bool AtEnd() const { return left_ == 0; }
+
+ private:
+  void Skip(size_t n) {
+    at_ += n;
+    left_ -= n;
+  }
+  const uint8_t* at_;
+  size_t left_;
+};
+
+MDB_val KeyOf(const Sha256Digest& idHash) {
+  return MDB_val{idHash.size(), const_cast<uint8_t*>(idHash.data())};
 }
 
-void BindHash(sqlite3_stmt* statement, int index, const Sha256Digest& idHash) {
-  sqlite3_bind_blob(statement, index, idHash.data(), static_cast<int>(idHash.size()),
-                    SQLITE_STATIC);
-}
-
-void BindText(sqlite3_stmt* statement, int index, const std::string& text) {
-  sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-}
-
-// Creates each missing directory of `path`'s parent, 0700: the database is
-// the CGI user's alone.
 bool MakeParentDirectories(const std::string& path) {
   for (size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
@@ -64,190 +110,263 @@ bool MakeParentDirectories(const std::string& path) {
   return true;
 }
 
+bool RowFromCursor(const MDB_val& key, const MDB_val& value, SessionRow* row) {
+  if (key.mv_size != row->idHash.size() || !DecodeSessionRow(value.mv_data, value.mv_size, row))
+    return false;
+  std::memcpy(row->idHash.data(), key.mv_data, row->idHash.size());
+  return true;
+}
+
 }  // namespace
+
+std::string EncodeSessionRow(const SessionRow& row) {
+  std::string out(1, static_cast<char>(kRecordFormat));
+  PutInt(&out, row.created);
+  PutInt(&out, row.lastSeen);
+  PutInt(&out, row.lifetime);
+  PutInt(&out, row.state);
+  for (const std::string* text : {&row.registry, &row.user, &row.client, &row.csrf, &row.privileges})
+    PutText(&out, *text);
+  return out;
+}
+
+bool DecodeSessionRow(const void* data, size_t size, SessionRow* row) {
+  Reader reader(data, size);
+  uint8_t format = 0;
+  int64_t state = 0;
+  return reader.Byte(&format) && format == kRecordFormat && reader.Int(&row->created) &&
+         reader.Int(&row->lastSeen) && reader.Int(&row->lifetime) && reader.Int(&state) &&
+         (row->state = static_cast<int>(state), true) && reader.Text(&row->registry) &&
+         reader.Text(&row->user) && reader.Text(&row->client) && reader.Text(&row->csrf) &&
+         reader.Text(&row->privileges) && reader.AtEnd();
+}
+
+SessionDb::SessionDb() = default;
+
+SessionDb::~SessionDb() {
+  if (env_) mdb_env_close(env_);
+}
 
 std::string SessionDb::Path() { return std::string(MeroApplianceRoot()) + MERO_CGI_SESSION_DB; }
 
+int SessionDb::Fail(const char* what, int status) {
+  MEROCGI_LOG("session store %s failed: %s", what, mdb_strerror(status));
+  return -1;
+}
+
 SessionDb::OpenResult SessionDb::Open(Access access) {
   const std::string path = Path();
-  int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
+  // One environment per process: LMDB's locks belong to the process.
+  unsigned flags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NORDAHEAD;
   if (access == Access::kWriter) {
     if (!MakeParentDirectories(path)) {
       MEROCGI_LOG("cannot create the session directory for %s: %s", path.c_str(),
                   std::strerror(errno));
       return OpenResult::kFailed;
     }
-    flags |= SQLITE_OPEN_CREATE;
-  } else if (::access(path.c_str(), F_OK) != 0) {
-    return OpenResult::kMissing;  // no session was ever created
+  } else {
+    if (::access(path.c_str(), F_OK) != 0) return OpenResult::kMissing;  // no session yet
+    flags |= MDB_RDONLY;
   }
-  sqlite3* handle = nullptr;
-  const int status = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
-  db_.reset(handle);
-  if (status != SQLITE_OK) {
-    Fail("open");
-    db_.reset();
+  int status = mdb_env_create(&env_);
+  if (status == 0) status = mdb_env_set_mapsize(env_, MERO_CGI_SESSION_STORE_BYTES);
+  if (status == 0) status = mdb_env_open(env_, path.c_str(), flags, 0600);
+  if (status != 0) {
+    Fail("open", status);
+    if (env_) mdb_env_close(env_);
+    env_ = nullptr;
     return OpenResult::kFailed;
   }
-  sqlite3_busy_timeout(db_.get(), MERO_CGI_SESSION_BUSY_MS);
   if (access == Access::kWriter) {
-    ::chmod(path.c_str(), 0600);
-    if (!Exec(kSchema)) {
-      db_.reset();
-      return OpenResult::kFailed;
-    }
+    int cleared = 0;
+    mdb_reader_check(env_, &cleared);  // slots of processes that died mid-read
+  }
+  MDB_txn* txn = nullptr;
+  status = mdb_txn_begin(env_, nullptr, access == Access::kWriter ? 0 : MDB_RDONLY, &txn);
+  TxnOwner owner(txn);
+  if (status == 0) status = mdb_dbi_open(txn, nullptr, 0, &dbi_);
+  if (status == 0) status = owner.Commit();
+  if (status != 0) {
+    Fail("open", status);
+    mdb_env_close(env_);
+    env_ = nullptr;
+    return OpenResult::kFailed;
   }
   return OpenResult::kOpened;
 }
 
-int SessionDb::Fail(const char* what) {
-  MEROCGI_LOG("session database %s failed: %s", what, db_ ? sqlite3_errmsg(db_.get()) : "no handle");
-  return -1;
-}
-
-bool SessionDb::Exec(const char* sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
-  MEROCGI_LOG("session database statement failed: %s", message ? message : "unknown error");
-  sqlite3_free(message);
-  return false;
-}
-
-UniqueStatement SessionDb::Prepare(const char* sql) {
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(db_.get(), sql, -1, &statement, nullptr) != SQLITE_OK) Fail("prepare");
-  return UniqueStatement(statement);
-}
-
 int SessionDb::Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row) {
-  static const std::string sql =
-      std::string("SELECT ") + kColumns + " FROM sessions WHERE id_hash = ?1 AND registry = ?2";
-  UniqueStatement find = Prepare(sql.c_str());
-  if (!find) return -1;
-  BindHash(find.get(), 1, idHash);
-  BindText(find.get(), 2, registry);
-  const int status = sqlite3_step(find.get());
-  if (status == SQLITE_DONE) return 0;
-  if (status != SQLITE_ROW) return Fail("lookup");
-  ReadRow(find.get(), row);
-  return 1;
+  MDB_txn* txn = nullptr;
+  int status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  if (status != 0) return Fail("read", status);
+  TxnOwner owner(txn);
+  MDB_val key = KeyOf(idHash), value;
+  status = mdb_get(txn, dbi_, &key, &value);
+  if (status == MDB_NOTFOUND) return 0;
+  if (status != 0) return Fail("lookup", status);
+  if (!DecodeSessionRow(value.mv_data, value.mv_size, row)) {
+    MEROCGI_LOG("session store holds a record that does not decode");
+    return -1;
+  }
+  row->idHash = idHash;
+  return row->registry == registry ? 1 : 0;
+}
+
+int SessionDb::InWriteTransaction(const std::function<int(MDB_txn*)>& work) {
+  MDB_txn* txn = nullptr;
+  int status = mdb_txn_begin(env_, nullptr, 0, &txn);
+  if (status != 0) return Fail("write", status);
+  TxnOwner owner(txn);
+  const int result = work(txn);
+  if (result < 0) return result;
+  status = owner.Commit();
+  return status == 0 ? result : Fail("commit", status);
 }
 
 bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
-  UniqueStatement touch = Prepare("UPDATE sessions SET last_seen = ?2 WHERE id_hash = ?1");
-  if (!touch) return false;
-  BindHash(touch.get(), 1, idHash);
-  sqlite3_bind_int64(touch.get(), 2, now);
-  return sqlite3_step(touch.get()) == SQLITE_DONE || Fail("last-seen update") == 0;
-}
-
-int SessionDb::InTransaction(const std::function<int()>& work) {
-  // IMMEDIATE takes the write lock up front, so the busy time-out applies;
-  // a read lock upgraded later could fail at once to avoid a deadlock.
-  if (!Exec("BEGIN IMMEDIATE")) return -1;
-  const int result = work();
-  if (result < 0 || !Exec("COMMIT")) {
-    Exec("ROLLBACK");
-    return result < 0 ? result : -1;
-  }
-  return result;
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
+           MDB_val key = KeyOf(idHash), value;
+           const int status = mdb_get(txn, dbi_, &key, &value);
+           if (status == MDB_NOTFOUND) return 0;  // revoked meanwhile: nothing to touch
+           SessionRow row;
+           if (status != 0 || !DecodeSessionRow(value.mv_data, value.mv_size, &row))
+             return Fail("last-seen update", status);
+           row.lastSeen = now;
+           const std::string record = EncodeSessionRow(row);
+           MDB_val updated{record.size(), const_cast<char*>(record.data())};
+           const int put = mdb_put(txn, dbi_, &key, &updated, 0);
+           return put == 0 ? 1 : Fail("last-seen update", put);
+         }) >= 0;
 }
 
 int SessionDb::Insert(const SessionRow& row, bool endOthers) {
-  return InTransaction([&]() -> int {
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
     if (endOthers) {
-      UniqueStatement end =
-          Prepare("UPDATE sessions SET state = ?3 WHERE user = ?1 AND registry = ?2");
-      if (!end) return -1;
-      BindText(end.get(), 1, row.user);
-      BindText(end.get(), 2, row.registry);
-      sqlite3_bind_int(end.get(), 3, static_cast<int>(SessionState::kEnded));
-      if (sqlite3_step(end.get()) != SQLITE_DONE) return Fail("ending other sessions");
+      std::vector<std::pair<Sha256Digest, std::string>> ended;
+      CursorOwner cursor;
+      int status = mdb_cursor_open(txn, dbi_, cursor.Out());
+      if (status != 0) return Fail("ending other sessions", status);
+      MDB_val key, value;
+      for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
+           status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
+        SessionRow other;
+        if (!RowFromCursor(key, value, &other)) continue;
+        if (other.user != row.user || other.registry != row.registry) continue;
+        other.state = static_cast<int>(SessionState::kEnded);
+        ended.emplace_back(other.idHash, EncodeSessionRow(other));
+      }
+      if (status != MDB_NOTFOUND) return Fail("ending other sessions", status);
+      for (auto& [idHash, record] : ended) {
+        MDB_val otherKey = KeyOf(idHash), otherValue{record.size(), record.data()};
+        status = mdb_put(txn, dbi_, &otherKey, &otherValue, 0);
+        if (status != 0) return Fail("ending other sessions", status);
+      }
     }
-    UniqueStatement insert = Prepare(
-        "INSERT INTO sessions(id_hash, registry, user, client, created, last_seen, lifetime,"
-        " csrf, state, privileges) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)");
-    if (!insert) return -1;
-    BindHash(insert.get(), 1, row.idHash);
-    BindText(insert.get(), 2, row.registry);
-    BindText(insert.get(), 3, row.user);
-    BindText(insert.get(), 4, row.client);
-    sqlite3_bind_int64(insert.get(), 5, row.created);
-    sqlite3_bind_int64(insert.get(), 6, row.lastSeen);
-    sqlite3_bind_int64(insert.get(), 7, row.lifetime);
-    BindText(insert.get(), 8, row.csrf);
-    sqlite3_bind_int(insert.get(), 9, row.state);
-    BindText(insert.get(), 10, row.privileges);
-    if (sqlite3_step(insert.get()) != SQLITE_DONE) return Fail("insert");
-    return 1;
+    const std::string record = EncodeSessionRow(row);
+    MDB_val key = KeyOf(row.idHash), value{record.size(), const_cast<char*>(record.data())};
+    const int status = mdb_put(txn, dbi_, &key, &value, MDB_NOOVERWRITE);
+    return status == 0 ? 1 : Fail("insert", status);
   });
 }
 
 int SessionDb::Delete(const Sha256Digest& idHash) {
-  return InTransaction([&]() -> int {
-    UniqueStatement remove = Prepare("DELETE FROM sessions WHERE id_hash = ?1");
-    if (!remove) return -1;
-    BindHash(remove.get(), 1, idHash);
-    if (sqlite3_step(remove.get()) != SQLITE_DONE) return Fail("delete");
-    return sqlite3_changes(db_.get());
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
+    MDB_val key = KeyOf(idHash);
+    const int status = mdb_del(txn, dbi_, &key, nullptr);
+    if (status == MDB_NOTFOUND) return 0;
+    return status == 0 ? 1 : Fail("delete", status);
   });
 }
 
+namespace {
+
+// Deletes, in one transaction, every record for which `matches` holds.
+int DeleteWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
+                int* status) {
+  CursorOwner cursor;
+  *status = mdb_cursor_open(txn, dbi, cursor.Out());
+  if (*status != 0) return -1;
+  int removed = 0;
+  MDB_val key, value;
+  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
+       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
+    SessionRow row;
+    if (!RowFromCursor(key, value, &row) || !matches(row)) continue;
+    *status = mdb_cursor_del(cursor.Get(), 0);
+    if (*status != 0) return -1;
+    ++removed;
+  }
+  if (*status != MDB_NOTFOUND) return -1;
+  *status = 0;
+  return removed;
+}
+
+}  // namespace
+
 int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
-  return InTransaction([&]() -> int {
-    // The prefix is hex digits only (checked by the caller): no LIKE wildcard.
-    UniqueStatement count =
-        Prepare("SELECT count(*) FROM sessions WHERE hex(id_hash) LIKE upper(?1) || '%'");
-    if (!count) return -1;
-    BindText(count.get(), 1, hexPrefix);
-    if (sqlite3_step(count.get()) != SQLITE_ROW) return Fail("count");
-    const int matches = sqlite3_column_int(count.get(), 0);
-    if (matches > 1) return -2;
-    UniqueStatement remove =
-        Prepare("DELETE FROM sessions WHERE hex(id_hash) LIKE upper(?1) || '%'");
-    if (!remove) return -1;
-    BindText(remove.get(), 1, hexPrefix);
-    if (sqlite3_step(remove.get()) != SQLITE_DONE) return Fail("delete");
-    return sqlite3_changes(db_.get());
+  std::string prefix = hexPrefix;
+  for (char& c : prefix) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  auto matches = [&](const SessionRow& row) {
+    return SessionRef(row.idHash).compare(0, prefix.size(), prefix) == 0;
+  };
+  int named = 0;
+  if (ForEach([&](const SessionRow& row) { named += matches(row); }) < 0) return -1;
+  if (named > 1) return -2;
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
+    int status = 0;
+    const int removed = DeleteWhere(txn, dbi_, matches, &status);
+    return removed < 0 ? Fail("delete", status) : removed;
   });
 }
 
 int SessionDb::DeleteByUser(const std::string& user) {
-  return InTransaction([&]() -> int {
-    UniqueStatement remove = Prepare("DELETE FROM sessions WHERE user = ?1");
-    if (!remove) return -1;
-    BindText(remove.get(), 1, user);
-    if (sqlite3_step(remove.get()) != SQLITE_DONE) return Fail("delete");
-    return sqlite3_changes(db_.get());
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
+    int status = 0;
+    const int removed =
+        DeleteWhere(txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, &status);
+    return removed < 0 ? Fail("delete", status) : removed;
   });
 }
 
 int SessionDb::Purge(int64_t now, int64_t idleSeconds) {
-  return InTransaction([&]() -> int {
-    UniqueStatement remove = Prepare(
-        "DELETE FROM sessions WHERE (lifetime > 0 AND created + lifetime < ?1)"
-        " OR (?2 > 0 AND last_seen + ?2 < ?1)");
-    if (!remove) return -1;
-    sqlite3_bind_int64(remove.get(), 1, now);
-    sqlite3_bind_int64(remove.get(), 2, idleSeconds);
-    if (sqlite3_step(remove.get()) != SQLITE_DONE) return Fail("purge");
-    return sqlite3_changes(db_.get());
+  return InWriteTransaction([&](MDB_txn* txn) -> int {
+    int status = 0;
+    const int removed = DeleteWhere(
+        txn, dbi_,
+        [&](const SessionRow& row) {
+          return (row.lifetime > 0 && now - row.created > row.lifetime) ||
+                 (idleSeconds > 0 && now - row.lastSeen > idleSeconds);
+        },
+        &status);
+    return removed < 0 ? Fail("purge", status) : removed;
   });
 }
 
 int SessionDb::ForEach(const std::function<void(const SessionRow&)>& visit) {
-  const std::string sql = std::string("SELECT ") + kColumns + " FROM sessions ORDER BY created";
-  UniqueStatement list = Prepare(sql.c_str());
-  if (!list) return -1;
-  int rows = 0;
-  int status;
-  while ((status = sqlite3_step(list.get())) == SQLITE_ROW) {
+  MDB_txn* txn = nullptr;
+  int status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  if (status != 0) return Fail("read", status);
+  TxnOwner owner(txn);
+  CursorOwner cursor;
+  status = mdb_cursor_open(txn, dbi_, cursor.Out());
+  if (status != 0) return Fail("read", status);
+  std::vector<SessionRow> rows;
+  MDB_val key, value;
+  for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
+       status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
     SessionRow row;
-    ReadRow(list.get(), &row);
-    visit(row);
-    ++rows;
+    if (!RowFromCursor(key, value, &row)) {
+      MEROCGI_LOG("session store holds a record that does not decode");
+      return -1;
+    }
+    rows.push_back(std::move(row));
   }
-  return status == SQLITE_DONE ? rows : Fail("list");
+  if (status != MDB_NOTFOUND) return Fail("read", status);
+  std::stable_sort(rows.begin(), rows.end(), [](const SessionRow& a, const SessionRow& b) {
+    return a.created < b.created;
+  });
+  for (const SessionRow& row : rows) visit(row);
+  return static_cast<int>(rows.size());
 }
 
 }  // namespace merocgi

@@ -118,3 +118,14 @@ bool SameClientAddress(const std::string& stored, const std::string& current) {
 }
 
 }  // namespace merocgi
+
+namespace merocgi {
+
+bool IsSessionExpired(int64_t created, int64_t lifetime, int64_t lastSeen, int timeoutMinutes,
+                      int64_t now) {
+  if (lifetime > 0 && now - created > lifetime) return true;
+  if (timeoutMinutes < 0) return true;
+  return timeoutMinutes > 0 && now - lastSeen > int64_t(timeoutMinutes) * 60;
+}
+
+}  // namespace merocgi

@@ -3,6 +3,7 @@
 #ifndef MEROCGI_SESSION_SESSIONKEYS_H
 #define MEROCGI_SESSION_SESSIONKEYS_H
 
+#include <cstdint>
 #include <string>
 
 #include "Sha256.h"
@@ -27,6 +28,11 @@ std::string CanonicalRegistry(const char* registry);
 // IPv6 addresses (an IPv4-mapped IPv6 address equals its IPv4 form), and
 // byte for byte when either is not an address.
 bool SameClientAddress(const std::string& stored, const std::string& current);
+// Whether a session created at `created` with `lifetime` seconds (0: none)
+// and last used at `lastSeen` has expired at `now` under an idle limit of
+// `timeoutMinutes` (0: none; negative: every session has expired).
+bool IsSessionExpired(int64_t created, int64_t lifetime, int64_t lastSeen, int timeoutMinutes,
+                      int64_t now);
 
 }  // namespace merocgi
 
