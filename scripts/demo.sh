@@ -1,30 +1,45 @@
 #!/bin/bash
-# The main job, for now: builds the library and runs the example CGI program
-# once on a sample request (a POST form with a query string and cookies),
-# printing what the request context parsed. Everything it writes stays under
-# build-release/.
+# The main job: builds the library and its example CGI programs, lays out a
+# demo appliance under build-release/demo/ (never outside it), creates a demo
+# session, and serves the example API through lighttpd on
+# http://127.0.0.1:PORT/ in the foreground until Ctrl-C.
+#   DEMO_PORT  the port (default 8080)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+port=${DEMO_PORT:-8080}
 bash scripts/deps.sh
 
+if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+  echo "demo: port $port on 127.0.0.1 is taken; choose another: DEMO_PORT=8081 bash scripts/demo.sh" >&2
+  exit 1
+fi
+
 cmake --preset release >/dev/null
-cmake --build --preset release --target context_dump
+cmake --build --preset release --target sysinfo settings maintenance webapi-session
+work=$PWD/build-release/demo
+bash examples/deploy/layout.sh build-release "$work" "$port"
+lighttpd -tt -f "$work/lighttpd.conf" >/dev/null
 
-root=$PWD/build-release/demo-root
-rm -rf "$root"
-mkdir -p "$root/usr/mero/meroman/webapi" "$root/etc"
-printf '{"timeout": 30, "ip_checking": true, "privilege": "demo_admin"}\n' \
-  >"$root/usr/mero/meroman/webapi/demo.auth"
-printf 'skip_checksrcip="no"\n' >"$root/etc/meroinfo.conf"
+sid=$(cat "$work/session")
+base="http://127.0.0.1:$port/api"
+cat <<TEXT
 
-body='api=Demo.Info&method=get&version=1&note=caf%C3%A9+au+lait'
-echo "== request: POST /cgi-bin/context_dump?lang=de with body: $body"
-printf '%s' "$body" | env -i PATH=/usr/bin:/bin \
-  MERO_APPLIANCE_ROOT="$root" \
-  REQUEST_METHOD=POST QUERY_STRING='lang=de&version=9' \
-  CONTENT_TYPE=application/x-www-form-urlencoded CONTENT_LENGTH=${#body} \
-  HTTP_COOKIE='id=demo-session; theme=dark' HTTP_ACCEPT_LANGUAGE='fr;q=0.8, en' \
-  DUMP_SESSION=demo DUMP_PARAMS=api,method,version,note,lang DUMP_COOKIES=id,theme \
-  build-release/examples/context_dump
-echo
-echo "== (the body wins over the query string for version; lang comes from the query string)"
+Serving the example API on http://127.0.0.1:$port/ (Ctrl-C stops it).
+The demo user's session is $sid
+Try, in another terminal:
+
+  curl -s -b 'id=$sid' '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'
+  curl -s -b 'id=$sid' '$base/settings?api=Demo.Settings&method=get&version=1'
+  curl -s -b 'id=$sid' -d 'api=Demo.Settings&method=set&version=1&theme=dark&refresh_seconds=60' '$base/settings'
+  curl -s -b 'id=$sid' -d 'api=Demo.Settings&method=set&version=1&theme=blue' '$base/settings'
+  curl -s -b 'id=$sid' -H 'Content-Type: application/json' -d '{"title":"Lab NAS"}' '$base/settings?api=Demo.Settings&method=set&version=1'
+  curl -s -b 'id=$sid' -OJ '$base/settings?api=Demo.Settings&method=export&version=1'
+  curl -s -b 'id=$sid' '$base/maintenance?api=Demo.Maintenance&method=status&version=1'    # 105: demo lacks "admin"
+  curl -s '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'                         # 105: no session
+  curl -s '$base/sysinfo?api=Demo.SystemInfo&method=get&version=9'                         # 104: no such version
+
+Sessions: build-release/tools/webapi-session --root $work/root list
+Logs:     $work/logs/
+
+TEXT
+exec lighttpd -D -f "$work/lighttpd.conf"

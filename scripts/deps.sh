@@ -7,6 +7,7 @@ packages=(
   clang clang-14 libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjsoncpp-dev liblmdb-dev
+  lighttpd curl
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -52,14 +52,11 @@ int WebCGIPrivate::CheckAuthorized() {
   MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, kFallbackRegistry, "");
   const int second = IsAuthorized();
   // The platform folds a bare session name into its registry name.
-  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, ownRegistry.c_str(),
-                         "");
+  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, ownRegistry.c_str(), "");
   return second;
 }
 
-std::string WebCGIPrivate::GetMeroToken() {
-  return MeroCgiGetOption(State(), kOptionToken, "");
-}
+std::string WebCGIPrivate::GetMeroToken() { return MeroCgiGetOption(State(), kOptionToken, ""); }
 
 std::string WebCGIPrivate::GetDevicePkey() {
   return MeroCgiGetOption(State(), kOptionDevicePkey, "");

@@ -122,8 +122,7 @@ int Create(const Options& options) {
       MeroCgiSessionCreate(options.registry.c_str(), options.user.c_str(), options.client.c_str(),
                            options.lifetime, privileges.c_str(), options.endOthers, id, sizeof id);
   if (result != MERO_SESSION_AUTHORIZED) {
-    std::fprintf(stderr, "webapi-session: could not create the session (%d); see syslog\n",
-                 result);
+    std::fprintf(stderr, "webapi-session: could not create the session (%d); see syslog\n", result);
     return result == MERO_SESSION_INVALID ? kUsage : kStoreFailed;
   }
   std::printf("%s\n", id);
@@ -132,9 +131,8 @@ int Create(const Options& options) {
 
 void PrintSession(const MEROCGI_SESSION_INFO* info, void*) {
   std::printf("%s\t%s\t%s\t%s\t%s\t%s\t%lld\t%s\t%s\n", info->ref, info->registry, info->user,
-              info->client, FormatTime(info->created).c_str(),
-              FormatTime(info->lastSeen).c_str(), info->lifetime,
-              info->state == 1 ? "active" : "ended", info->privileges);
+              info->client, FormatTime(info->created).c_str(), FormatTime(info->lastSeen).c_str(),
+              info->lifetime, info->state == 1 ? "active" : "ended", info->privileges);
 }
 
 int List() {
@@ -156,10 +154,9 @@ int Revoke(const Options& options) {
     id = line;
     while (!id.empty() && (id.back() == '\n' || id.back() == '\r')) id.pop_back();
   }
-  const int removed =
-      MeroCgiSessionRevoke(options.idFromStdin ? id.c_str() : nullptr,
-                           options.ref.empty() ? nullptr : options.ref.c_str(),
-                           options.user.empty() ? nullptr : options.user.c_str());
+  const int removed = MeroCgiSessionRevoke(options.idFromStdin ? id.c_str() : nullptr,
+                                           options.ref.empty() ? nullptr : options.ref.c_str(),
+                                           options.user.empty() ? nullptr : options.user.c_str());
   if (removed == MERO_SESSION_INVALID)
     return Usage("--ref needs 8 hex digits or more, naming exactly one session");
   if (removed < 0) {

@@ -70,15 +70,18 @@ int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* info, void* con
   try {
     merocgi::SessionDb db;
     switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
-      case merocgi::SessionDb::OpenResult::kMissing: return 0;
-      case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
-      case merocgi::SessionDb::OpenResult::kOpened: break;
+      case merocgi::SessionDb::OpenResult::kMissing:
+        return 0;
+      case merocgi::SessionDb::OpenResult::kFailed:
+        return MERO_SESSION_STORE_ERROR;
+      case merocgi::SessionDb::OpenResult::kOpened:
+        break;
     }
     const int rows = db.ForEach([&](const merocgi::SessionRow& row) {
       const std::string ref = merocgi::SessionRef(row.idHash);
-      const MEROCGI_SESSION_INFO info = {ref.c_str(), row.registry.c_str(), row.user.c_str(),
-                                         row.client.c_str(), row.created, row.lastSeen,
-                                         row.lifetime, row.state, row.privileges.c_str()};
+      const MEROCGI_SESSION_INFO info = {
+          ref.c_str(),  row.registry.c_str(), row.user.c_str(), row.client.c_str(),    row.created,
+          row.lastSeen, row.lifetime,         row.state,        row.privileges.c_str()};
       visit(&info, context);
     });
     return rows < 0 ? MERO_SESSION_STORE_ERROR : rows;

@@ -47,9 +47,12 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   {
     merocgi::SessionDb reader;
     switch (reader.Open(merocgi::SessionDb::Access::kRequest)) {
-      case merocgi::SessionDb::OpenResult::kMissing: return MERO_SESSION_UNKNOWN;
-      case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
-      case merocgi::SessionDb::OpenResult::kOpened: break;
+      case merocgi::SessionDb::OpenResult::kMissing:
+        return MERO_SESSION_UNKNOWN;
+      case merocgi::SessionDb::OpenResult::kFailed:
+        return MERO_SESSION_STORE_ERROR;
+      case merocgi::SessionDb::OpenResult::kOpened:
+        break;
     }
     const int found = reader.Find(idHash, merocgi::CanonicalRegistry(state->registry), &row);
     if (found < 0) return MERO_SESSION_STORE_ERROR;
@@ -75,8 +78,7 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   // fails the request.
   if (now - row.lastSeen >= MERO_CGI_SESSION_TOUCH_SECONDS) {
     merocgi::SessionDb writer;
-    if (writer.Open(merocgi::SessionDb::Access::kWriter) ==
-        merocgi::SessionDb::OpenResult::kOpened)
+    if (writer.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened)
       writer.Touch(idHash, now);
   }
 

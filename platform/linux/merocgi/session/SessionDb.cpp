@@ -125,7 +125,8 @@ std::string EncodeSessionRow(const SessionRow& row) {
   PutInt(&out, row.lastSeen);
   PutInt(&out, row.lifetime);
   PutInt(&out, row.state);
-  for (const std::string* text : {&row.registry, &row.user, &row.client, &row.csrf, &row.privileges})
+  for (const std::string* text :
+       {&row.registry, &row.user, &row.client, &row.csrf, &row.privileges})
     PutText(&out, *text);
   return out;
 }
@@ -322,8 +323,8 @@ int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
 int SessionDb::DeleteByUser(const std::string& user) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
     int status = 0;
-    const int removed =
-        DeleteWhere(txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, &status);
+    const int removed = DeleteWhere(
+        txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, &status);
     return removed < 0 ? Fail("delete", status) : removed;
   });
 }
@@ -362,9 +363,8 @@ int SessionDb::ForEach(const std::function<void(const SessionRow&)>& visit) {
     rows.push_back(std::move(row));
   }
   if (status != MDB_NOTFOUND) return Fail("read", status);
-  std::stable_sort(rows.begin(), rows.end(), [](const SessionRow& a, const SessionRow& b) {
-    return a.created < b.created;
-  });
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](const SessionRow& a, const SessionRow& b) { return a.created < b.created; });
   for (const SessionRow& row : rows) visit(row);
   return static_cast<int>(rows.size());
 }

@@ -32,8 +32,8 @@ void CompressBlock(uint32_t hash[8], const uint8_t block[64]) {
   for (int i = 0; i < 64; ++i) {
     const uint32_t t1 = h + (RotateRight(e, 6) ^ RotateRight(e, 11) ^ RotateRight(e, 25)) +
                         ((e & f) ^ (~e & g)) + kRoundConstants[i] + w[i];
-    const uint32_t t2 =
-        (RotateRight(a, 2) ^ RotateRight(a, 13) ^ RotateRight(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
+    const uint32_t t2 = (RotateRight(a, 2) ^ RotateRight(a, 13) ^ RotateRight(a, 22)) +
+                        ((a & b) ^ (a & c) ^ (b & c));
     h = g;
     g = f;
     f = e;

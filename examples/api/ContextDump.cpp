@@ -6,6 +6,7 @@
 // request: DUMP_PARAMS and DUMP_COOKIES, comma-separated (defaults
 // "api,method,version" and "id"). DUMP_SESSION names the session
 // (default "zel"). Log lines are copied to standard error.
+#include <json/writer.h>
 #include <syslog.h>
 
 #include <cstdio>
@@ -14,8 +15,6 @@
 
 #include "merocore.h"
 #include "webapi/WebCGI.h"
-
-#include <json/writer.h>
 
 namespace {
 
@@ -51,8 +50,8 @@ int main() {
   Json::Value out(Json::objectValue);
   out["params"] = Lookup(EnvOr("DUMP_PARAMS", "api,method,version"),
                          [&](const char* n) { return cgi.In(n, nullptr); });
-  out["cookies"] = Lookup(EnvOr("DUMP_COOKIES", "id"),
-                          [&](const char* n) { return cgi.GetCookie(n, nullptr); });
+  out["cookies"] =
+      Lookup(EnvOr("DUMP_COOKIES", "id"), [&](const char* n) { return cgi.GetCookie(n, nullptr); });
   const Json::Value* json = cgi.In();
   out["json"] = json ? *json : Json::Value();
   out["language"] = cgi.GetUILanguage();

@@ -1,0 +1,32 @@
+#!/bin/bash
+# Lays out a served example API under WORK (and nothing outside it):
+#   WORK/root/    appliance root: description and auth files, the session
+#                 store, the settings directory
+#   WORK/cgi/     the example programs, answering at /api/<name>
+#   WORK/lighttpd.conf, WORK/logs/, WORK/www/
+#   WORK/session        a session of user "demo" from 127.0.0.1
+#   WORK/admin-session  a session of user "root" holding the "admin" privilege
+# usage: layout.sh BUILD_DIR WORK_DIR PORT
+set -euo pipefail
+build=$(realpath "$1")
+mkdir -p "$2"
+work=$(realpath "$2")
+port=$3
+here=$(dirname "$(realpath "$0")")
+
+rm -rf "$work/root" "$work/cgi"
+mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
+  "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
+cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
+for program in sysinfo settings maintenance; do
+  ln -s "$build/examples/$program" "$work/cgi/$program"
+done
+printf '<!doctype html><title>libwebapi demo</title><p>The API is under /api/.</p>\n' \
+  >"$work/www/index.html"
+sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
+  -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
+
+session_tool="$build/tools/webapi-session --root $work/root"
+$session_tool create --user demo --client 127.0.0.1 --registry demo >"$work/session"
+$session_tool create --user root --client 127.0.0.1 --registry demoadmin --privilege admin \
+  >"$work/admin-session"
