@@ -6,7 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang clang-14 libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libjsoncpp-dev liblmdb-dev
+  libjsoncpp-dev liblmdb-dev libcurl4-openssl-dev
   lighttpd curl
 )
 missing=()

@@ -44,6 +44,15 @@ class SettingsApi : public MERO::WebAPI {
   }
 
  private:
+  // Run writes nothing at all for a download method, not even a refusal, so
+  // that the handler owns the whole output; answer a refused export here,
+  // or the browser would get an empty response.
+  bool CheckPermission() override {
+    if (MERO::WebAPI::CheckPermission()) return true;
+    if (std::string(method) == "export") OutputResponse();
+    return false;
+  }
+
   // The saved settings over the defaults: a missing file is a fresh device.
   Json::Value Load() {
     Json::Value settings = Defaults(), saved;

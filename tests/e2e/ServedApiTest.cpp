@@ -1,0 +1,343 @@
+// The example API behind a real lighttpd on 127.0.0.1, laid out by the same
+// script as the demo, driven with libcurl as a browser would call it.
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Answer {
+  long status = 0;
+  std::string headers;
+  std::string body;
+  std::vector<std::string> cookieJar;  // what the client kept, Netscape format
+};
+
+struct Request {
+  Request(std::string path_, std::string cookie_ = "", std::string post_ = "",
+          std::vector<std::string> headers_ = {})
+      : path(std::move(path_)), cookie(std::move(cookie_)), post(std::move(post_)),
+        headers(std::move(headers_)) {}
+  std::string path;  // after /api/
+  std::string cookie;
+  std::string post;  // POST body when not empty
+  std::vector<std::string> headers;
+};
+
+size_t Append(char* data, size_t size, size_t count, void* target) {
+  static_cast<std::string*>(target)->append(data, size * count);
+  return size * count;
+}
+
+std::string ReadFile(const fs::path& file) {
+  std::ifstream in(file);
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string content = text.str();
+  while (!content.empty() && content.back() == '\n') content.pop_back();
+  return content;
+}
+
+class ServedApiTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    std::string templ = std::string(E2E_BUILD_DIR) + "/e2e-XXXXXX";
+    ASSERT_NE(mkdtemp(templ.data()), nullptr);
+    work_ = templ;
+    for (int attempt = 0; attempt < 3 && server_ <= 0; ++attempt) StartServer();
+    ASSERT_GT(server_, 0) << "lighttpd did not start; see " << work_ << "/logs";
+    session_ = ReadFile(work_ / "session");
+    adminSession_ = ReadFile(work_ / "admin-session");
+  }
+
+  static void TearDownTestSuite() {
+    if (server_ > 0) {
+      kill(server_, SIGTERM);
+      int status = 0;
+      for (int i = 0; i < 100 && waitpid(server_, &status, WNOHANG) == 0; ++i) usleep(50000);
+      if (waitpid(server_, &status, WNOHANG) == 0) {
+        kill(server_, SIGKILL);
+        waitpid(server_, &status, 0);
+      }
+      server_ = 0;
+    }
+    std::error_code ignored;
+    if (!work_.empty() && !std::getenv("E2E_KEEP")) fs::remove_all(work_, ignored);
+    curl_global_cleanup();
+  }
+
+  static int FreePort() {
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    int port = 0;
+    if (bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+      port = ntohs(address.sin_port);
+    close(probe);
+    return port;
+  }
+
+  static bool Answers(int port) {
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool up = connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(client);
+    return up;
+  }
+
+  static void StartServer() {
+    port_ = FreePort();
+    const std::string layout = std::string("bash ") + E2E_LAYOUT_SCRIPT + " " + E2E_BUILD_DIR +
+                               " " + work_.string() + " " + std::to_string(port_);
+    ASSERT_EQ(std::system(layout.c_str()), 0) << layout;
+    const std::string config = (work_ / "lighttpd.conf").string();
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const std::string log = (work_ / "logs/stdout.log").string();
+      freopen(log.c_str(), "w", stdout);
+      freopen(log.c_str(), "a", stderr);
+      execlp("lighttpd", "lighttpd", "-D", "-f", config.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    for (int i = 0; i < 100; ++i) {
+      if (Answers(port_)) {
+        server_ = pid;
+        return;
+      }
+      int status = 0;
+      if (waitpid(pid, &status, WNOHANG) == pid) return;  // it exited: maybe the port was taken
+      usleep(50000);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+
+  static Answer Fetch(const Request& request) {
+    Answer answer;
+    CURL* curl = curl_easy_init();
+    const std::string url = "http://127.0.0.1:" + std::to_string(port_) + "/api/" + request.path;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Append);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, Append);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
+    curl_easy_setopt(curl, CURLOPT_COOKIEFILE, "");  // keep cookies as a browser does
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
+    if (!request.cookie.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, request.cookie.c_str());
+    if (!request.post.empty()) {
+      curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.post.data());
+      curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(request.post.size()));
+    }
+    curl_slist* headers = nullptr;
+    for (const std::string& header : request.headers) headers = curl_slist_append(headers, header.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    const CURLcode result = curl_easy_perform(curl);
+    EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result) << " for " << url;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+    curl_slist* jar = nullptr;
+    curl_easy_getinfo(curl, CURLINFO_COOKIELIST, &jar);
+    for (curl_slist* entry = jar; entry; entry = entry->next) answer.cookieJar.push_back(entry->data);
+    curl_slist_free_all(jar);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    return answer;
+  }
+
+  static std::string SessionOf(const std::string& arguments) {
+    const std::string command = std::string(E2E_SESSION_TOOL) + " --root " +
+                                (work_ / "root").string() + " create " + arguments;
+    std::unique_ptr<FILE, int (*)(FILE*)> out(popen(command.c_str(), "r"), pclose);
+    char id[128] = {};
+    EXPECT_NE(std::fgets(id, sizeof id, out.get()), nullptr) << command;
+    std::string text = id;
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+  }
+
+  static std::string Error(int code) {
+    return R"({"error":{"code":)" + std::to_string(code) + R"(},"success":false})" + "\n";
+  }
+
+  static fs::path work_;
+  static int port_;
+  static pid_t server_;
+  static std::string session_, adminSession_;
+};
+
+fs::path ServedApiTest::work_;
+int ServedApiTest::port_ = 0;
+pid_t ServedApiTest::server_ = 0;
+std::string ServedApiTest::session_, ServedApiTest::adminSession_;
+
+const char kSysinfo[] = "sysinfo?api=Demo.SystemInfo&method=get&version=1";
+
+TEST_F(ServedApiTest, SuccessCarriesTheEnvelopeAndSecurityHeaders) {
+  const Answer answer = Fetch({kSysinfo, "id=" + session_});
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.body.rfind(R"({"data":{"hostname":)", 0), 0u) << answer.body;
+  EXPECT_NE(answer.body.find(R"("success":true})"), std::string::npos);
+  for (const char* header :
+       {"Content-type: text/plain; charset=\"UTF-8\"", "X-Frame-Options: SAMEORIGIN",
+        "X-Content-Type-Options: nosniff", "Referrer-Policy: same-origin",
+        "Content-Security-Policy: default-src 'self'"})
+    EXPECT_NE(answer.headers.find(header), std::string::npos) << header << "\n" << answer.headers;
+  // HSTS only on https: a plain request does not get it, one through a TLS proxy does.
+  EXPECT_EQ(answer.headers.find("Strict-Transport-Security"), std::string::npos);
+  const Answer proxied = Fetch({kSysinfo, "id=" + session_, "", {"X-Forwarded-Proto: https"}});
+  EXPECT_NE(proxied.headers.find("Strict-Transport-Security: max-age="), std::string::npos);
+}
+
+TEST_F(ServedApiTest, EachValidationAndSessionError) {
+  const std::string other = SessionOf("--user carol --client 10.9.9.9 --registry demo");
+  const std::string replaced = SessionOf("--user dave --client 127.0.0.1 --registry demo");
+  SessionOf("--user dave --client 127.0.0.1 --registry demo --end-others");
+  const std::string brief = SessionOf("--user erin --client 127.0.0.1 --registry demo --lifetime 1");
+  sleep(2);
+  const std::string id = "id=" + session_;
+  const struct {
+    Request request;
+    std::string body;
+  } cases[] = {
+      {{"sysinfo?method=get&version=1", id}, Error(101)},
+      {{"sysinfo?api=Demo.SystemInfo&method=get&version=one", id}, Error(101)},
+      {{"sysinfo?api=Demo.Nothing&method=get&version=1", id}, Error(102)},
+      {{"sysinfo?api=Demo.SystemInfo&method=put&version=1", id}, Error(103)},
+      {{"sysinfo?api=Demo.SystemInfo&method=get&version=2", id}, Error(104)},
+      {{kSysinfo, ""}, Error(105)},
+      {{kSysinfo, "id=" + std::string(43, 'x')}, Error(105)},
+      {{kSysinfo, "id=" + brief}, Error(106)},
+      {{kSysinfo, "id=" + other}, Error(107)},
+      {{kSysinfo, "id=" + replaced}, Error(107)},
+      {{"maintenance?api=Demo.Maintenance&method=status&version=1", id}, Error(105)},
+      {{"maintenance?api=Demo.Maintenance&method=status&version=1", "id=" + adminSession_},
+       R"({"data":{"admin":"root","maintenance":false},"success":true})" "\n"},
+      // The session identifier as a parameter instead of the cookie.
+      {{std::string(kSysinfo) + "&_sid=" + session_, ""}, ""},
+  };
+  for (const auto& c : cases) {
+    const Answer answer = Fetch(c.request);
+    EXPECT_EQ(answer.status, 200) << c.request.path;
+    if (c.body.empty())
+      EXPECT_NE(answer.body.find(R"("success":true)"), std::string::npos) << c.request.path;
+    else
+      EXPECT_EQ(answer.body, c.body) << c.request.path;
+  }
+}
+
+TEST_F(ServedApiTest, SettingsRoundTripCookieAndDownload) {
+  const std::string id = "id=" + session_;
+  const Answer refused = Fetch({"settings", id, "api=Demo.Settings&method=set&version=1&theme=blue"});
+  EXPECT_EQ(refused.body, R"({"error":{"code":120,"errors":{"theme":"light or dark"}},"success":false})" "\n");
+  EXPECT_EQ(refused.headers.find("Set-Cookie"), std::string::npos);
+
+  const Answer saved = Fetch({"settings", id, "api=Demo.Settings&method=set&version=1&theme=dark"});
+  EXPECT_NE(saved.headers.find("Set-Cookie: theme=dark; Path=/; HttpOnly; SameSite=Strict\r\n"),
+            std::string::npos)
+      << saved.headers;
+  // What the browser keeps: a host-only, HttpOnly session cookie for "/".
+  ASSERT_EQ(saved.cookieJar.size(), 1u);
+  EXPECT_EQ(saved.cookieJar[0], "#HttpOnly_127.0.0.1\tFALSE\t/\tFALSE\t0\ttheme\tdark");
+  const Answer overHttps = Fetch({"settings", id, "api=Demo.Settings&method=set&version=1",
+                                  {"X-Forwarded-Proto: https"}});
+  EXPECT_NE(overHttps.headers.find("Set-Cookie: theme=dark; Path=/; Secure; HttpOnly"),
+            std::string::npos);
+
+  // A JSON body, with api/method/version in the query string.
+  const Answer json = Fetch({"settings?api=Demo.Settings&method=set&version=1", id,
+                             R"({"title":"Lab NAS","refresh_seconds":60})",
+                             {"Content-Type: application/json"}});
+  EXPECT_EQ(json.body, R"({"data":{"refresh_seconds":60,"theme":"dark","title":"Lab NAS"},"success":true})" "\n");
+
+  const Answer download = Fetch({"settings?api=Demo.Settings&method=export&version=1", id});
+  EXPECT_NE(download.headers.find("Content-Disposition: attachment; filename=\"settings.json\""),
+            std::string::npos);
+  EXPECT_EQ(download.body, R"({"refresh_seconds":60,"theme":"dark","title":"Lab NAS"})" "\n");
+  // The download's handler owns its whole output, a refusal included.
+  EXPECT_EQ(Fetch({"settings?api=Demo.Settings&method=export&version=1", ""}).body, Error(105));
+}
+
+TEST_F(ServedApiTest, HostileRequestsGetAnOrdinaryAnswer) {
+  const std::string id = "id=" + session_;
+  // A Host header that is no origin: the API answers as usual, and the text
+  // goes nowhere into the answer.
+  for (const char* host : {"Host: evil.example", "Host: a\"b<script>", "Host: [::1"}) {
+    const Answer answer = Fetch({kSysinfo, id, "", {host}});
+    EXPECT_TRUE(answer.status == 200 || answer.status == 400) << host << " " << answer.status;
+    EXPECT_EQ(answer.headers.find("<script>"), std::string::npos);
+    EXPECT_EQ(answer.body.find("<script>"), std::string::npos);
+  }
+  // A body over the 1 MiB parameter-line limit is refused whole: no
+  // parameter at all, so 101, and nothing of it is read as parameters.
+  const std::string big =
+      "api=Demo.Settings&method=set&version=1&theme=dark&pad=" + std::string(1536 * 1024, 'a');
+  const Answer tooLarge = Fetch({"settings", id, big});
+  EXPECT_EQ(tooLarge.status, 200);
+  EXPECT_EQ(tooLarge.body, Error(101));
+  // A cookie header that tries to smuggle a second header.
+  const Answer smuggled = Fetch({kSysinfo, id + "; x=1%0d%0aX-Evil: 1"});
+  EXPECT_EQ(smuggled.headers.find("X-Evil"), std::string::npos);
+}
+
+TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
+  CURLM* multi = curl_multi_init();
+  constexpr int kRequests = 50;
+  std::vector<std::string> bodies(kRequests);
+  std::vector<CURL*> handles;
+  const std::string url = "http://127.0.0.1:" + std::to_string(port_) + "/api/" + kSysinfo;
+  const std::string cookie = "id=" + session_;
+  for (int i = 0; i < kRequests; ++i) {
+    CURL* curl = curl_easy_init();
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_COOKIE, cookie.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Append);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &bodies[i]);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 60L);
+    curl_multi_add_handle(multi, curl);
+    handles.push_back(curl);
+  }
+  int running = 0;
+  do {
+    curl_multi_perform(multi, &running);
+    curl_multi_poll(multi, nullptr, 0, 200, nullptr);
+  } while (running > 0);
+  int good = 0;
+  for (int i = 0; i < kRequests; ++i) {
+    long status = 0;
+    curl_easy_getinfo(handles[i], CURLINFO_RESPONSE_CODE, &status);
+    const bool ok = status == 200 && bodies[i].rfind(R"({"data":{"hostname":)", 0) == 0 &&
+                    bodies[i].find(R"("success":true})") != std::string::npos;
+    EXPECT_TRUE(ok) << i << ": " << status << " " << bodies[i];
+    good += ok;
+    curl_multi_remove_handle(multi, handles[i]);
+    curl_easy_cleanup(handles[i]);
+  }
+  curl_multi_cleanup(multi);
+  EXPECT_EQ(good, kRequests);
+}
+
+}  // namespace
