@@ -12,6 +12,8 @@
 #include <webapi/WebAPI.h>
 #include <webapi/WebAPIUtil.h>
 
+#include <strings.h>
+
 #include <cstdio>
 #include <string>
 
@@ -36,11 +38,12 @@ class SettingsApi : public MERO::WebAPI {
  public:
   SettingsApi() : WebAPI("settings.api", "demo") { cgi.AddSecurityHeaders("default"); }
 
+  // Method names match without regard to letter case, as validation did.
   void HandleRequest() override {
-    const std::string name = method;
-    if (name == "get") return Get();
-    if (name == "set") return Set();
-    if (name == "export") return Export();
+    if (strcasecmp(method, "get") == 0) return Get();
+    if (strcasecmp(method, "set") == 0) return Set();
+    if (strcasecmp(method, "export") == 0) return Export();
+    SetError(103);  // described in settings.api but not handled here
   }
 
  private:
@@ -49,15 +52,18 @@ class SettingsApi : public MERO::WebAPI {
   // or the browser would get an empty response.
   bool CheckPermission() override {
     if (MERO::WebAPI::CheckPermission()) return true;
-    if (std::string(method) == "export") OutputResponse();
+    if (strcasecmp(method, "export") == 0) OutputResponse();
     return false;
   }
 
-  // The saved settings over the defaults: a missing file is a fresh device.
+  // The saved settings over the defaults: a missing file is a fresh device,
+  // and a saved value of the wrong type (a hand-edited file) is ignored.
   Json::Value Load() {
     Json::Value settings = Defaults(), saved;
-    if (MERO::WebAPIUtil::ReadJsonFile(saved, SettingsPath().c_str()) && saved.isObject())
-      for (const std::string& key : saved.getMemberNames()) settings[key] = saved[key];
+    if (!MERO::WebAPIUtil::ReadJsonFile(saved, SettingsPath().c_str()) || !saved.isObject())
+      return settings;
+    for (const std::string& key : settings.getMemberNames())
+      if (saved.isMember(key) && saved[key].type() == settings[key].type()) settings[key] = saved[key];
     return settings;
   }
 

@@ -8,6 +8,7 @@
 #   WORK/admin-session  a session of user "root" holding the "admin" privilege
 # usage: layout.sh BUILD_DIR WORK_DIR PORT
 set -euo pipefail
+umask 077  # the session files below log anyone in who can read them
 build=$(realpath "$1")
 mkdir -p "$2"
 work=$(realpath "$2")
@@ -23,10 +24,15 @@ for program in sysinfo settings maintenance; do
 done
 printf '<!doctype html><title>libwebapi demo</title><p>The API is under /api/.</p>\n' \
   >"$work/www/index.html"
+# The paths go into the configuration as quoted strings and into sed as
+# replacement text: refuse what either would misread.
+case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
 sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
   -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
+chmod go+rx "$work" "$work/cgi" "$work/www"
+chmod go+r "$work/www/index.html" "$work/lighttpd.conf"
 
-session_tool="$build/tools/webapi-session --root $work/root"
-$session_tool create --user demo --client 127.0.0.1 --registry demo >"$work/session"
-$session_tool create --user root --client 127.0.0.1 --registry demoadmin --privilege admin \
+session_tool=("$build/tools/webapi-session" --root "$work/root")
+"${session_tool[@]}" create --user demo --client 127.0.0.1 --registry demo >"$work/session"
+"${session_tool[@]}" create --user root --client 127.0.0.1 --registry demoadmin --privilege admin \
   >"$work/admin-session"

@@ -254,14 +254,19 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
  * login) and privileges (words separated by blanks).
  *
  * Readers never wait and never see a half-written record; writers take
- * turns (one write transaction at a time, across processes). The store
- * holds at most MERO_CGI_SESSION_STORE_BYTES of data, some 200,000
- * sessions; a write beyond it fails with MERO_SESSION_STORE_ERROR. */
+ * turns (one write transaction at a time, across processes). At most
+ * MERO_CGI_SESSION_MAX_READERS processes read at once (the slots of killed
+ * readers are freed when the table fills). The store holds at most
+ * MERO_CGI_SESSION_STORE_BYTES of data, some three million sessions (the
+ * file grows with use); each new session removes those past their
+ * lifetime, and a write beyond the limit fails with
+ * MERO_SESSION_STORE_ERROR (logged: purge idle sessions then). */
 #define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.mdb"
-#define MERO_CGI_SESSION_STORE_BYTES (64 * 1024 * 1024)
+#define MERO_CGI_SESSION_STORE_BYTES (1024LL * 1024 * 1024)
+#define MERO_CGI_SESSION_MAX_READERS 1024
 /* Last-seen times are written at most this often per session: a check within
- * this many seconds of the last write only reads. The idle limit is counted
- * in minutes, so the sliding window loses at most this much. */
+ * this many seconds of the last write only reads (within half the idle limit
+ * when that is shorter, so a session in use never idles out). */
 #define MERO_CGI_SESSION_TOUCH_SECONDS 60
 #define MERO_CGI_SESSION_ID_CHARS 43
 
@@ -341,15 +346,17 @@ typedef struct _tag_MEROCGI_SESSION_INFO {
  * `endOthers` non-zero, the user's other sessions in the registry are ended
  * (they then answer MERO_SESSION_ENDED). Creates the database when needed.
  * Returns MERO_SESSION_AUTHORIZED, MERO_SESSION_INVALID (null or empty user,
- * registry or client; `idSize` too small), or MERO_SESSION_STORE_ERROR
- * (logged). */
+ * registry or client, a control byte in one of them, or `idSize` too
+ * small), or MERO_SESSION_STORE_ERROR (logged). */
 MERO_EXPORT int MeroCgiSessionCreate(const char* registry, const char* user, const char* client,
                                      long long lifetime, const char* privileges, int endOthers,
                                      char* id, int idSize);
 
-/* Calls `visit` once per session, oldest first; the texts live during the
- * call only. Returns the number of sessions, or MERO_SESSION_STORE_ERROR.
- * No database: 0. */
+/* Calls `visit` once per session, oldest first, after the store is closed
+ * again (so `visit` may call the other session operations); the texts live
+ * during the call only. A record that does not decode is skipped (logged;
+ * MeroCgiSessionPurge removes it). Returns the number of sessions, or
+ * MERO_SESSION_STORE_ERROR. No store: 0. */
 MERO_EXPORT int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* info, void* context),
                                    void* context);
 
@@ -361,8 +368,9 @@ MERO_EXPORT int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* inf
 MERO_EXPORT int MeroCgiSessionRevoke(const char* id, const char* refPrefix, const char* user);
 
 /* Removes every session past its lifetime, or idle for longer than
- * `idleMinutes` (> 0; 0 or less: only lifetimes count). Returns the number
- * removed, or MERO_SESSION_STORE_ERROR. */
+ * `idleMinutes` (> 0; 0 or less: only lifetimes count), and every record
+ * that does not decode. Returns the number removed, or
+ * MERO_SESSION_STORE_ERROR. */
 MERO_EXPORT int MeroCgiSessionPurge(int idleMinutes);
 
 MERO_EXTERN_C_END

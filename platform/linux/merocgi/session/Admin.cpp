@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "../CgiLog.h"
 #include "SessionDb.h"
@@ -14,6 +15,13 @@ namespace {
 
 constexpr size_t kCsrfTokenBytes = 24;
 constexpr size_t kMinRefPrefix = 8;
+
+// Texts that name a session must print as one field of one line.
+bool IsPlainText(const char* text) {
+  for (; *text; ++text)
+    if (static_cast<unsigned char>(*text) < 0x20 || *text == 0x7f) return false;
+  return true;
+}
 
 bool IsHex(const std::string& text) {
   return text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
@@ -53,8 +61,9 @@ extern "C" {
 int MeroCgiSessionCreate(const char* registry, const char* user, const char* client,
                          long long lifetime, const char* privileges, int endOthers, char* id,
                          int idSize) {
-  if (!registry || !user || !*user || !client || !*client || !id ||
-      idSize < MERO_CGI_SESSION_ID_CHARS + 1)
+  if (!registry || !*registry || !user || !*user || !client || !*client || !id ||
+      idSize < MERO_CGI_SESSION_ID_CHARS + 1 || !IsPlainText(registry) || !IsPlainText(user) ||
+      !IsPlainText(client) || (privileges && !IsPlainText(privileges)))
     return MERO_SESSION_INVALID;
   try {
     return Create(registry, user, client, lifetime, privileges, endOthers != 0, id);
@@ -68,23 +77,26 @@ int MeroCgiSessionList(void (*visit)(const MEROCGI_SESSION_INFO* info, void* con
                        void* context) {
   if (!visit) return MERO_SESSION_INVALID;
   try {
-    merocgi::SessionDb db;
-    switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
-      case merocgi::SessionDb::OpenResult::kMissing:
-        return 0;
-      case merocgi::SessionDb::OpenResult::kFailed:
-        return MERO_SESSION_STORE_ERROR;
-      case merocgi::SessionDb::OpenResult::kOpened:
-        break;
+    std::vector<merocgi::SessionRow> rows;
+    {
+      merocgi::SessionDb db;
+      switch (db.Open(merocgi::SessionDb::Access::kRequest)) {
+        case merocgi::SessionDb::OpenResult::kMissing: return 0;
+        case merocgi::SessionDb::OpenResult::kFailed: return MERO_SESSION_STORE_ERROR;
+        case merocgi::SessionDb::OpenResult::kOpened: break;
+      }
+      if (db.Collect(&rows) < 0) return MERO_SESSION_STORE_ERROR;
     }
-    const int rows = db.ForEach([&](const merocgi::SessionRow& row) {
+    // The store is closed: `visit` may open it again (one environment per
+    // process at a time).
+    for (const merocgi::SessionRow& row : rows) {
       const std::string ref = merocgi::SessionRef(row.idHash);
-      const MEROCGI_SESSION_INFO info = {
-          ref.c_str(),  row.registry.c_str(), row.user.c_str(), row.client.c_str(),    row.created,
-          row.lastSeen, row.lifetime,         row.state,        row.privileges.c_str()};
+      const MEROCGI_SESSION_INFO info = {ref.c_str(), row.registry.c_str(), row.user.c_str(),
+                                         row.client.c_str(), row.created, row.lastSeen,
+                                         row.lifetime, row.state, row.privileges.c_str()};
       visit(&info, context);
-    });
-    return rows < 0 ? MERO_SESSION_STORE_ERROR : rows;
+    }
+    return static_cast<int>(rows.size());
   } catch (...) {
     MEROCGI_LOG("session list failed: out of memory");
     return MERO_SESSION_STORE_ERROR;

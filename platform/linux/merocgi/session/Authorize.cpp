@@ -2,6 +2,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -12,6 +13,7 @@
 #include "SessionKeys.h"
 #include "SessionOptions.h"
 #include "merocgi.h"
+#include "merocore.h"
 
 namespace {
 
@@ -37,6 +39,13 @@ bool HasPrivilege(const std::string& privileges, const char* wanted) {
     start = end + 1;
   }
   return false;
+}
+
+// How stale a last-seen time may get before a check writes it: never so
+// stale that a session in steady use could idle out between two writes.
+int64_t TouchInterval(int timeoutMinutes) {
+  const int64_t halfLimit = timeoutMinutes > 0 ? int64_t(timeoutMinutes) * 30 : INT64_MAX;
+  return std::min<int64_t>(MERO_CGI_SESSION_TOUCH_SECONDS, halfLimit);
 }
 
 int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
@@ -76,7 +85,7 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   // belong to the process and one environment may be open at a time. A lost
   // last-seen write costs at most one touch interval of idle time; it never
   // fails the request.
-  if (now - row.lastSeen >= MERO_CGI_SESSION_TOUCH_SECONDS) {
+  if (now - row.lastSeen >= TouchInterval(state->sessionTimeout)) {
     merocgi::SessionDb writer;
     if (writer.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened)
       writer.Touch(idHash, now);
@@ -115,9 +124,11 @@ const char* MeroCgiGetOption(MEROCGI_STATE* state, int option, const char* def) 
 int MeroCgiGetSessPath(MEROCGI_STATE* /*state: one store for all*/, char* buf, int size) {
   if (!buf || size < 1) return 0;
   buf[0] = '\0';
-  const std::string path = merocgi::SessionDb::Path();
-  if (path.size() >= static_cast<size_t>(size)) return 0;
-  std::memcpy(buf, path.c_str(), path.size() + 1);
+  const char* root = MeroApplianceRoot();
+  const size_t rootLength = std::strlen(root), pathLength = std::strlen(MERO_CGI_SESSION_DB);
+  if (rootLength + pathLength >= static_cast<size_t>(size)) return 0;
+  std::memcpy(buf, root, rootLength);
+  std::memcpy(buf + rootLength, MERO_CGI_SESSION_DB, pathLength + 1);
   return 1;
 }
 

@@ -174,6 +174,7 @@ SessionDb::OpenResult SessionDb::Open(Access access) {
   }
   int status = mdb_env_create(&env_);
   if (status == 0) status = mdb_env_set_mapsize(env_, MERO_CGI_SESSION_STORE_BYTES);
+  if (status == 0) status = mdb_env_set_maxreaders(env_, MERO_CGI_SESSION_MAX_READERS);
   if (status == 0) status = mdb_env_open(env_, path.c_str(), flags, 0600);
   if (status != 0) {
     Fail("open", status);
@@ -199,9 +200,20 @@ SessionDb::OpenResult SessionDb::Open(Access access) {
   return OpenResult::kOpened;
 }
 
+int SessionDb::BeginRead(MDB_txn** txn) {
+  int status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, txn);
+  if (status == MDB_READERS_FULL) {
+    // Slots of processes killed mid-read; free them and try once more.
+    int cleared = 0;
+    mdb_reader_check(env_, &cleared);
+    status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, txn);
+  }
+  return status;
+}
+
 int SessionDb::Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row) {
   MDB_txn* txn = nullptr;
-  int status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  int status = BeginRead(&txn);
   if (status != 0) return Fail("read", status);
   TxnOwner owner(txn);
   MDB_val key = KeyOf(idHash), value;
@@ -232,9 +244,12 @@ bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
            MDB_val key = KeyOf(idHash), value;
            const int status = mdb_get(txn, dbi_, &key, &value);
            if (status == MDB_NOTFOUND) return 0;  // revoked meanwhile: nothing to touch
+           if (status != 0) return Fail("last-seen update", status);
            SessionRow row;
-           if (status != 0 || !DecodeSessionRow(value.mv_data, value.mv_size, &row))
-             return Fail("last-seen update", status);
+           if (!DecodeSessionRow(value.mv_data, value.mv_size, &row)) {
+             MEROCGI_LOG("session store holds a record that does not decode");
+             return -1;
+           }
            row.lastSeen = now;
            const std::string record = EncodeSessionRow(row);
            MDB_val updated{record.size(), const_cast<char*>(record.data())};
@@ -243,8 +258,63 @@ bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
          }) >= 0;
 }
 
+namespace {
+
+// Deletes, in one transaction, every record for which `matches` holds; a
+// record that does not decode is deleted when `dropUndecodable` is set and
+// left alone otherwise.
+int DeleteWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
+                bool dropUndecodable, int* status) {
+  CursorOwner cursor;
+  *status = mdb_cursor_open(txn, dbi, cursor.Out());
+  if (*status != 0) return -1;
+  int removed = 0;
+  MDB_val key, value;
+  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
+       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
+    SessionRow row;
+    const bool decoded = RowFromCursor(key, value, &row);
+    if (decoded ? !matches(row) : !dropUndecodable) continue;
+    *status = mdb_cursor_del(cursor.Get(), 0);
+    if (*status != 0) return -1;
+    ++removed;
+  }
+  if (*status != MDB_NOTFOUND) return -1;
+  *status = 0;
+  return removed;
+}
+
+int CountWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
+               int* status) {
+  CursorOwner cursor;
+  *status = mdb_cursor_open(txn, dbi, cursor.Out());
+  if (*status != 0) return -1;
+  int count = 0;
+  MDB_val key, value;
+  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
+       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
+    SessionRow row;
+    if (RowFromCursor(key, value, &row) && matches(row)) ++count;
+  }
+  if (*status != MDB_NOTFOUND) return -1;
+  *status = 0;
+  return count;
+}
+
+bool PastLifetime(const SessionRow& row, int64_t now) {
+  return row.lifetime > 0 && now - row.created > row.lifetime;
+}
+
+}  // namespace
+
 int SessionDb::Insert(const SessionRow& row, bool endOthers) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
+    // Each new session clears out those past their lifetime, so a store
+    // that no one purges still stays bounded by the sessions in use.
+    int cleanup = 0;
+    if (DeleteWhere(txn, dbi_, [&](const SessionRow& old) { return PastLifetime(old, row.created); },
+                    false, &cleanup) < 0)
+      return Fail("insert", cleanup);
     if (endOthers) {
       std::vector<std::pair<Sha256Digest, std::string>> ended;
       CursorOwner cursor;
@@ -269,6 +339,8 @@ int SessionDb::Insert(const SessionRow& row, bool endOthers) {
     const std::string record = EncodeSessionRow(row);
     MDB_val key = KeyOf(row.idHash), value{record.size(), const_cast<char*>(record.data())};
     const int status = mdb_put(txn, dbi_, &key, &value, MDB_NOOVERWRITE);
+    if (status == MDB_MAP_FULL)
+      MEROCGI_LOG("session store is full; remove idle sessions with: webapi-session purge --idle N");
     return status == 0 ? 1 : Fail("insert", status);
   });
 }
@@ -282,30 +354,6 @@ int SessionDb::Delete(const Sha256Digest& idHash) {
   });
 }
 
-namespace {
-
-// Deletes, in one transaction, every record for which `matches` holds.
-int DeleteWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
-                int* status) {
-  CursorOwner cursor;
-  *status = mdb_cursor_open(txn, dbi, cursor.Out());
-  if (*status != 0) return -1;
-  int removed = 0;
-  MDB_val key, value;
-  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
-       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
-    SessionRow row;
-    if (!RowFromCursor(key, value, &row) || !matches(row)) continue;
-    *status = mdb_cursor_del(cursor.Get(), 0);
-    if (*status != 0) return -1;
-    ++removed;
-  }
-  if (*status != MDB_NOTFOUND) return -1;
-  *status = 0;
-  return removed;
-}
-
-}  // namespace
 
 int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
   std::string prefix = hexPrefix;
@@ -313,12 +361,14 @@ int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
   auto matches = [&](const SessionRow& row) {
     return SessionRef(row.idHash).compare(0, prefix.size(), prefix) == 0;
   };
-  int named = 0;
-  if (ForEach([&](const SessionRow& row) { named += matches(row); }) < 0) return -1;
-  if (named > 1) return -2;
   return InWriteTransaction([&](MDB_txn* txn) -> int {
     int status = 0;
-    const int removed = DeleteWhere(txn, dbi_, matches, &status);
+    // Count first, in the same transaction, so an ambiguous prefix removes
+    // nothing.
+    const int named = CountWhere(txn, dbi_, matches, &status);
+    if (named < 0) return Fail("delete", status);
+    if (named > 1) return -2;
+    const int removed = DeleteWhere(txn, dbi_, matches, false, &status);
     return removed < 0 ? Fail("delete", status) : removed;
   });
 }
@@ -326,8 +376,8 @@ int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
 int SessionDb::DeleteByUser(const std::string& user) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
     int status = 0;
-    const int removed = DeleteWhere(
-        txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, &status);
+    const int removed = DeleteWhere(txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, false,
+                    &status);
     return removed < 0 ? Fail("delete", status) : removed;
   });
 }
@@ -338,38 +388,39 @@ int SessionDb::Purge(int64_t now, int64_t idleSeconds) {
     const int removed = DeleteWhere(
         txn, dbi_,
         [&](const SessionRow& row) {
-          return (row.lifetime > 0 && now - row.created > row.lifetime) ||
-                 (idleSeconds > 0 && now - row.lastSeen > idleSeconds);
+          return PastLifetime(row, now) || (idleSeconds > 0 && now - row.lastSeen > idleSeconds);
         },
-        &status);
+        true, &status);  // a record no version of this code can read serves nobody
     return removed < 0 ? Fail("purge", status) : removed;
   });
 }
 
-int SessionDb::ForEach(const std::function<void(const SessionRow&)>& visit) {
+int SessionDb::Collect(std::vector<SessionRow>* rows) {
   MDB_txn* txn = nullptr;
-  int status = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  int status = BeginRead(&txn);
   if (status != 0) return Fail("read", status);
   TxnOwner owner(txn);
   CursorOwner cursor;
   status = mdb_cursor_open(txn, dbi_, cursor.Out());
   if (status != 0) return Fail("read", status);
-  std::vector<SessionRow> rows;
+  int undecodable = 0;
   MDB_val key, value;
   for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
        status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
     SessionRow row;
-    if (!RowFromCursor(key, value, &row)) {
-      MEROCGI_LOG("session store holds a record that does not decode");
-      return -1;
-    }
-    rows.push_back(std::move(row));
+    if (RowFromCursor(key, value, &row))
+      rows->push_back(std::move(row));
+    else
+      ++undecodable;
   }
   if (status != MDB_NOTFOUND) return Fail("read", status);
-  std::stable_sort(rows.begin(), rows.end(),
-                   [](const SessionRow& a, const SessionRow& b) { return a.created < b.created; });
-  for (const SessionRow& row : rows) visit(row);
-  return static_cast<int>(rows.size());
+  if (undecodable)
+    MEROCGI_LOG("session store holds %d records that do not decode; a purge removes them",
+                undecodable);
+  std::stable_sort(rows->begin(), rows->end(), [](const SessionRow& a, const SessionRow& b) {
+    return a.created < b.created;
+  });
+  return static_cast<int>(rows->size());
 }
 
 }  // namespace merocgi

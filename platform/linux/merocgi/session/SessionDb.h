@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Sha256.h"
 
@@ -66,10 +67,13 @@ class SessionDb {
   int Delete(const Sha256Digest& idHash);
   int DeleteByRefPrefix(const std::string& hexPrefix);  // -2 when ambiguous
   int DeleteByUser(const std::string& user);
+  // Also removes records that do not decode (logged by Collect).
   int Purge(int64_t now, int64_t idleSeconds);
-  // Calls `visit` per row, oldest first; the number of rows, or -1 when the
-  // store cannot be read or holds a record that does not decode.
-  int ForEach(const std::function<void(const SessionRow&)>& visit);
+  // Appends every row that decodes, oldest first; the number of rows, or -1
+  // when the store cannot be read. Records that do not decode are skipped
+  // (logged): one bad record must not hide the others from the
+  // administrator.
+  int Collect(std::vector<SessionRow>* rows);
 
   static std::string Path();
 
@@ -77,6 +81,9 @@ class SessionDb {
   // Runs `work` in a write transaction, committing when it returns >= 0.
   int InWriteTransaction(const std::function<int(MDB_txn*)>& work);
   int Fail(const char* what, int status);
+  // A read transaction; frees the slots of dead readers once when the
+  // reader table is full.
+  int BeginRead(MDB_txn** txn);
 
   MDB_env* env_ = nullptr;
   MDB_dbi dbi_ = 0;

@@ -1,0 +1,112 @@
+// The session store under the platform's own operations: the last-seen
+// write of a check, and records that no longer decode.
+#include <gtest/gtest.h>
+#include <lmdb.h>
+#include <time.h>
+
+#include <string>
+
+#include "ApplianceRootEnv.h"
+#include "merocgi.h"
+#include "session/SessionDb.h"
+#include "session/SessionKeys.h"
+
+namespace {
+
+class SessionStoreTest : public webapi_test::ApplianceRootTest {
+ protected:
+  // A session stored directly, with the times given; returns its id.
+  std::string Store(int64_t lastSeen, int64_t created) {
+    const std::string sid = merocgi::NewSessionId();
+    merocgi::SessionRow row;
+    row.idHash = merocgi::SessionIdHash(sid);
+    row.registry = "test.current.users";
+    row.user = "alice";
+    row.client = "127.0.0.1";
+    row.created = created;
+    row.lastSeen = lastSeen;
+    row.csrf = "token";
+    merocgi::SessionDb db;  // closed again before the platform opens the store
+    EXPECT_EQ(db.Open(merocgi::SessionDb::Access::kWriter), merocgi::SessionDb::OpenResult::kOpened);
+    EXPECT_EQ(db.Insert(row, false), 1);
+    return sid;
+  }
+
+  int64_t LastSeen(const std::string& sid) {
+    merocgi::SessionDb db;
+    merocgi::SessionRow row;
+    EXPECT_EQ(db.Open(merocgi::SessionDb::Access::kRequest), merocgi::SessionDb::OpenResult::kOpened);
+    EXPECT_EQ(db.Find(merocgi::SessionIdHash(sid), "test.current.users", &row), 1);
+    return row.lastSeen;
+  }
+
+  int Check(const std::string& sid, int timeoutMinutes) {
+    MEROCGI_STATE state;
+    MeroCgiInitEx(&state, timeoutMinutes, 1, "test", "");
+    char user[64] = {};
+    const MEROCGI_AUTH_OPTIONS options = {31, 0};
+    const int result = MeroCgiIsAuthorizedEx(&state, sid.c_str(), user, sizeof user, &options, nullptr);
+    MeroCgiFree(&state);
+    return result;
+  }
+};
+
+TEST_F(SessionStoreTest, ACheckWritesStaleLastSeenTimesOnly) {
+  const int64_t now = time(nullptr);
+  const std::string stale = Store(now - 120, now - 120);
+  const std::string fresh = Store(now - 10, now - 10);
+  EXPECT_EQ(Check(stale, 30), MERO_SESSION_AUTHORIZED);
+  EXPECT_EQ(Check(fresh, 30), MERO_SESSION_AUTHORIZED);
+  EXPECT_GE(LastSeen(stale), now);
+  EXPECT_EQ(LastSeen(fresh), now - 10);
+  // With a one-minute idle limit, 40 s without a write is already too long:
+  // a session used every 50 s must never idle out.
+  const std::string steady = Store(now - 40, now - 40);
+  EXPECT_EQ(Check(steady, 1), MERO_SESSION_AUTHORIZED);
+  EXPECT_GE(LastSeen(steady), now);
+  EXPECT_EQ(Check(Store(now - 61, now - 61), 1), MERO_SESSION_EXPIRED);
+}
+
+TEST_F(SessionStoreTest, ARecordThatDoesNotDecodeHidesNothingAndIsPurged) {
+  const int64_t now = time(nullptr);
+  const std::string good = Store(now, now);
+  {
+    MDB_env* env = nullptr;
+    ASSERT_EQ(mdb_env_create(&env), 0);
+    mdb_env_set_mapsize(env, MERO_CGI_SESSION_STORE_BYTES);
+    ASSERT_EQ(mdb_env_open(env, merocgi::SessionDb::Path().c_str(), MDB_NOSUBDIR, 0600), 0);
+    MDB_txn* txn = nullptr;
+    MDB_dbi dbi;
+    ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
+    ASSERT_EQ(mdb_dbi_open(txn, nullptr, 0, &dbi), 0);
+    unsigned char key[32] = {0x42};
+    char record[] = "\x02 a record of a later format";
+    MDB_val k{sizeof key, key}, v{sizeof record, record};
+    ASSERT_EQ(mdb_put(txn, dbi, &k, &v, 0), 0);
+    ASSERT_EQ(mdb_txn_commit(txn), 0);
+    mdb_env_close(env);
+  }
+  int seen = 0;
+  EXPECT_EQ(MeroCgiSessionList([](const MEROCGI_SESSION_INFO*, void* n) { ++*static_cast<int*>(n); },
+                               &seen),
+            1);
+  EXPECT_EQ(seen, 1);
+  EXPECT_EQ(Check(good, 30), MERO_SESSION_AUTHORIZED);
+  EXPECT_EQ(MeroCgiSessionPurge(0), 1);  // the bad record, not the good session
+  EXPECT_EQ(Check(good, 30), MERO_SESSION_AUTHORIZED);
+}
+
+TEST_F(SessionStoreTest, ListCallbacksMayRevoke) {
+  const int64_t now = time(nullptr);
+  Store(now, now);
+  Store(now, now);
+  const int listed = MeroCgiSessionList(
+      [](const MEROCGI_SESSION_INFO* info, void*) {
+        EXPECT_EQ(MeroCgiSessionRevoke(nullptr, info->ref, nullptr), 1) << info->ref;
+      },
+      nullptr);
+  EXPECT_EQ(listed, 2);
+  EXPECT_EQ(MeroCgiSessionList([](const MEROCGI_SESSION_INFO*, void*) {}, nullptr), 0);
+}
+
+}  // namespace
