@@ -136,6 +136,31 @@ WEBAPI_EXPORT bool IsEmpty(const Json::Value& value);
 // line "%s:%d %s is not JSON format".
 WEBAPI_EXPORT Json::Value ParseJson(const std::string& text);
 
+// ---- URL codec (percent-encoding) -----------------------------------------
+//
+// Both work on bytes and know nothing of character sets: a multi-byte
+// character is encoded byte by byte. Neither logs.
+
+// `text` with every byte outside the unreserved set A-Z a-z 0-9 "-" "." "_"
+// written as "%" and two capital hex digits ("~" gives %7E, a space %20,
+// never "+"). No byte from 0x80 up is unreserved. At most three times as
+// long as `text`; "" gives "".
+WEBAPI_EXPORT std::string URLEncode(const std::string& text);
+
+// `text` with each "%" and the two characters after it replaced by one byte,
+// and "+" by a space when `plusAsSpace` is set; every other byte is kept.
+// The pair after "%" is read as a hex integer would be by an istream (blanks
+// skipped first, an optional sign, an optional 0x, hex digits of either
+// case, up to the first other character) and its low 8 bits are the byte:
+// "%4a" gives "J", "%-1" 0xFF, "%4g" 0x04, "%zz" a NUL byte. The three
+// characters are always consumed, and nothing is decoded twice ("%2541"
+// gives "%41").
+//   ""   when a "%" has fewer than two characters after it ("abc%4",
+//        "%41%"), however much was decoded before it; also for "".
+// Never longer than `text`. Decoding URLEncode's output gives back its input
+// with either flag.
+WEBAPI_EXPORT std::string URLDecode(const std::string& text, bool plusAsSpace);
+
 }  // namespace WebAPIUtil
 }  // namespace MERO
 
