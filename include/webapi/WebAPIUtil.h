@@ -161,6 +161,15 @@ WEBAPI_EXPORT std::string URLEncode(const std::string& text);
 // with either flag.
 WEBAPI_EXPORT std::string URLDecode(const std::string& text, bool plusAsSpace);
 
+// ---- HTML encoding --------------------------------------------------------------
+
+// `text` with "<", ">" and "&" replaced by "&lt;", "&gt;", "&amp;", and each
+// space by "&nbsp;" when `nbsp` is set; every other byte, the quotes
+// included, is kept, so the result is for element content, not for
+// attribute values. Text already encoded is encoded again ("&lt;" gives
+// "&amp;lt;"). "" gives "".
+WEBAPI_EXPORT std::string EncodeHtml(const std::string& text, bool nbsp);
+
 }  // namespace WebAPIUtil
 }  // namespace MERO
 
