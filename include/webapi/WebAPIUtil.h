@@ -161,6 +161,45 @@ WEBAPI_EXPORT std::string URLEncode(const std::string& text);
 // with either flag.
 WEBAPI_EXPORT std::string URLDecode(const std::string& text, bool plusAsSpace);
 
+// ---- Key-value strings and JSON objects -------------------------------------
+//
+// A key-value string is name=value pairs joined by "&", as in a query string.
+// Names are written and read exactly as they stand (never encoded or
+// decoded, may be empty); only the values go through the URL codec and, on
+// request, through JSON. Neither function logs.
+
+// Writes the members of `object`, in member order (ascending bytes of the
+// names), as name=value pairs joined by "&" into `out`.
+//   With `jsonValues`, every member's value is its compact JSON text (a
+//   string in JSON quotes, null as null, arrays and objects as compact
+//   JSON); without it, only members convertible to a string are written,
+//   as asString() gives them (null as ""), and arrays and objects are left
+//   out. With `urlEncode`, each value text is then URLEncode'd.
+//   true   `object` is an object; `out` holds the pairs ("" for none).
+//   false  `object` is not an object; `out` is unchanged.
+WEBAPI_EXPORT bool JsonObjTostrPair(const Json::Value& object, std::string& out, bool urlEncode,
+                                    bool jsonValues);
+
+// Reads the name=value pairs of `text` (split at runs of "&"; the text ends
+// at its first NUL) into members of `target`. The name is what comes before
+// the first "=" of a pair, the value what comes after it; a pair without
+// "=" or with nothing after it is skipped. A later pair of the same name
+// replaces an earlier one; members not named are left alone.
+//   With `urlDecode`, the value is URLDecode'd with plus-as-space (a broken
+//   escape sets the member to ""). The member is the value as a JSON string,
+//   unless `jsonValues` is set and the value reads as JSON the way
+//   Json::Reader reads it (a leading value, whatever follows it): then it is
+//   the parsed value, except that a non-negative int read from a text with
+//   anything but the digits 0-9 in it stays a string ("5abc", " 5", "5.0"
+//   stay strings; "5", "-3abc", "1.5", "true", "[1,2]" are taken as JSON).
+//   A value nested deeper than MERO::JsonValue::kMaxJsonDepth is not taken
+//   as JSON and stays a string (jsoncpp would throw on it instead of failing).
+//   true   `target` is an object.
+//   false  `target` is not an object (a null Json::Value is not one);
+//          nothing is changed.
+WEBAPI_EXPORT bool strPairToJsonObj(const std::string& text, Json::Value& target, bool urlDecode,
+                                    bool jsonValues);
+
 // ---- HTML encoding --------------------------------------------------------------
 
 // `text` with "<", ">" and "&" replaced by "&lt;", "&gt;", "&amp;", and each
