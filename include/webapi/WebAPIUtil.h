@@ -16,6 +16,25 @@ typedef struct _tag_MLIBSZLIST MLIBSZLIST;
 typedef struct _tag_MLIBSZHASH MLIBSZHASH;
 
 namespace MERO {
+
+// Browser families told by WebAPIUtil::GetBrowserInfo. 0 is never stored.
+enum BROWSER_TYPE {
+  BROWSER_IE = 1,        // "MSIE", or "Trident/7.0" (version 11)
+  BROWSER_FIREFOX = 2,
+  BROWSER_SAFARI = 3,
+  BROWSER_CHROME = 4,
+  BROWSER_FACEBOOK = 5,  // the agent "facebookexternalhit"
+  BROWSER_EDGE = 6,      // "Edge/" or "Edg/", version 12 and above
+  BROWSER_UNKNOWN = 7,   // a user agent with none of the tokens
+  BROWSER_NONE = 8,      // no user agent in the environment
+};
+
+// What GetBrowserInfo tells; the caller owns it.
+struct _tag_mero_browser_info_ {
+  int type;           // a BROWSER_TYPE code
+  char version[32];   // NUL-terminated version text, at most 31 characters
+};
+
 namespace WebAPIUtil {
 
 // ---- JSON files shared between processes ---------------------------------
@@ -199,6 +218,31 @@ WEBAPI_EXPORT bool JsonObjTostrPair(const Json::Value& object, std::string& out,
 //          nothing is changed.
 WEBAPI_EXPORT bool strPairToJsonObj(const std::string& text, Json::Value& target, bool urlDecode,
                                     bool jsonValues);
+
+// ---- Browser detection --------------------------------------------------------
+
+// Tells the browser of the request from the environment variable
+// "HTTP_USER_AGENT", of which the first 4095 characters are searched,
+// case-sensitively, for these tokens in this order; the first that applies
+// decides:
+//   "MSIE" -> BROWSER_IE; "Trident/7.0" -> BROWSER_IE with version "11";
+//   "Edge/", then "Edg/", when the number after it (strtof) is 12 or more
+//   -> BROWSER_EDGE with all the text after the token as the version, cut to
+//   31 characters; "Firefox" -> BROWSER_FIREFOX; "Chrome" -> BROWSER_CHROME;
+//   "Safari" -> BROWSER_SAFARI; "facebookexternalhit" -> BROWSER_FACEBOOK;
+//   none -> BROWSER_UNKNOWN with an empty version.
+// For MSIE, Firefox, Chrome, Safari and facebookexternalhit the version is
+// the first run of digits and "." after the token (for Safari after
+// "Version/" when the agent holds that anywhere).
+//    0  `info` is filled. Also when the variable is unset: type BROWSER_NONE,
+//       version untouched.
+//   -1  `info` is null (nothing done); or the token has no digit after it
+//       (type set, version empty; logs "%s(%d): not supported browser type,
+//       USER_AGENT: %s"); or the version run is 32 characters or longer
+//       (type set, version its first 31; logs "%s(%d): version size not
+//       enough, USER_AGENT: %s"). The logged agent is the searched copy.
+// Keeps no state and allocates nothing.
+WEBAPI_EXPORT int GetBrowserInfo(_tag_mero_browser_info_* info);
 
 // ---- HTML encoding --------------------------------------------------------------
 
