@@ -7,6 +7,7 @@ packages=(
   clang clang-14 libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libjsoncpp-dev
+  libcurl4-openssl-dev  # url_codec_bench compares with libcurl
 )
 missing=()
 for package in "${packages[@]}"; do
