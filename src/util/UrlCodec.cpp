@@ -1,9 +1,14 @@
 // Percent-encoding of URLs and form bodies, byte by byte (RFC 3986's
-// unreserved set less "~", which we encode). Both directions size their
-// result once and fill it through a pointer, with byte classes from tables
-// built at compile time, so each input byte costs one lookup.
+// unreserved set less "~", which we encode). The encoder sizes its result in
+// one pass and fills it in a second without a branch on the data: it copies
+// four bytes from a table row and moves on by the row's length. The decoder
+// reads the usual escape (two hex digits) through a table and writes
+// through a small stack chunk into a reserved result, so a large result
+// touches only the pages it fills. The tables are built at compile time.
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "webapi/WebAPIUtil.h"
@@ -13,17 +18,27 @@ namespace WebAPIUtil {
 namespace {
 
 struct ByteTables {
-  std::array<bool, 256> unreserved{};
+  // Each byte as it is encoded: itself or "%XY", padded to four bytes so a
+  // row is copied whole; and how many of them count.
+  std::array<std::array<char, 4>, 256> encoded{};
+  std::array<unsigned char, 256> encodedLength{};
   std::array<signed char, 256> hexValue{};  // -1: not a hex digit
 };
 
 constexpr ByteTables MakeByteTables() {
+  constexpr char kUpperHex[] = "0123456789ABCDEF";
   ByteTables tables;
   for (int byte = 0; byte < 256; ++byte) {
     const bool digit = byte >= '0' && byte <= '9';
     const bool upper = byte >= 'A' && byte <= 'Z';
     const bool lower = byte >= 'a' && byte <= 'z';
-    tables.unreserved[byte] = digit || upper || lower || byte == '-' || byte == '.' || byte == '_';
+    if (digit || upper || lower || byte == '-' || byte == '.' || byte == '_') {
+      tables.encoded[byte] = {static_cast<char>(byte), 0, 0, 0};
+      tables.encodedLength[byte] = 1;
+    } else {
+      tables.encoded[byte] = {'%', kUpperHex[byte >> 4], kUpperHex[byte & 0xF], 0};
+      tables.encodedLength[byte] = 3;
+    }
     tables.hexValue[byte] = static_cast<signed char>(digit                            ? byte - '0'
                                                      : byte >= 'A' && byte <= 'F'     ? byte - 'A' + 10
                                                      : byte >= 'a' && byte <= 'f'     ? byte - 'a' + 10
@@ -33,7 +48,7 @@ constexpr ByteTables MakeByteTables() {
 }
 
 constexpr ByteTables kTables = MakeByteTables();
-constexpr char kUpperHex[] = "0123456789ABCDEF";
+constexpr size_t kChunkBytes = 8192;  // results are written through a stack chunk
 
 // The blanks an istream skips in the "C" locale.
 bool IsStreamBlank(unsigned char c) {
@@ -59,32 +74,25 @@ unsigned char ReadLikeHexStream(unsigned char first, unsigned char second) {
   return static_cast<unsigned char>(negative ? -value : value);  // keeps the low 8 bits
 }
 
-unsigned char DecodePair(unsigned char first, unsigned char second) {
-  const int high = kTables.hexValue[first];
-  const int low = kTables.hexValue[second];
-  if ((high | low) >= 0) return static_cast<unsigned char>(high << 4 | low);  // the usual escape
-  return ReadLikeHexStream(first, second);
-}
-
 }  // namespace
 
 std::string URLEncode(const std::string& text) {
   const auto* in = reinterpret_cast<const unsigned char*>(text.data());
   const size_t length = text.size();
-  size_t encodedLength = length;
-  for (size_t i = 0; i < length; ++i) encodedLength += kTables.unreserved[in[i]] ? 0 : 2;
-  std::string encoded(encodedLength, '\0');
-  char* out = &encoded[0];
-  for (size_t i = 0; i < length; ++i) {
-    const unsigned char c = in[i];
-    if (kTables.unreserved[c]) {
-      *out++ = static_cast<char>(c);
-    } else {
-      out[0] = '%';
-      out[1] = kUpperHex[c >> 4];
-      out[2] = kUpperHex[c & 0xF];
-      out += 3;
+  size_t encodedLength = 0;
+  for (size_t i = 0; i < length; ++i) encodedLength += kTables.encodedLength[in[i]];
+  std::string encoded;
+  encoded.reserve(encodedLength);  // reserved, not filled: written once, through the chunk
+  // A row is copied whole, so the chunk has room for the last one's padding.
+  char chunk[kChunkBytes + 4];
+  for (size_t i = 0; i < length;) {
+    const size_t stop = std::min(length, i + kChunkBytes / 3);  // three bytes out at most per byte in
+    char* out = chunk;
+    for (; i < stop; ++i) {
+      std::memcpy(out, kTables.encoded[in[i]].data(), 4);
+      out += kTables.encodedLength[in[i]];
     }
+    encoded.append(chunk, static_cast<size_t>(out - chunk));
   }
   return encoded;
 }
@@ -92,22 +100,42 @@ std::string URLEncode(const std::string& text) {
 std::string URLDecode(const std::string& text, bool plusAsSpace) {
   const auto* in = reinterpret_cast<const unsigned char*>(text.data());
   const size_t length = text.size();
-  std::string decoded(length, '\0');  // decoding never grows a text
-  char* const begin = &decoded[0];
-  char* out = begin;
+  std::string decoded;
+  // Decoding never grows a text. Reserved, not filled: pages of a large
+  // result that the decoded text does not reach are never touched.
+  decoded.reserve(length);
   const unsigned char plus = plusAsSpace ? '+' : '%';  // '%' never reaches that test
-  for (size_t i = 0; i < length;) {
-    const unsigned char c = in[i];
-    if (c == '%') {
-      if (length - i < 3) return std::string();  // a cut escape spoils the whole text
-      *out++ = static_cast<char>(DecodePair(in[i + 1], in[i + 2]));
-      i += 3;
-    } else {
-      *out++ = c == plus ? ' ' : static_cast<char>(c);
-      ++i;
+  char chunk[kChunkBytes];
+  size_t i = 0;
+  // Two characters follow every position before `length - 2`, so a '%' there
+  // is a whole escape. Each position gives one byte, so a run of
+  // kChunkBytes positions fills at most the chunk.
+  while (length > 2 && i < length - 2) {
+    const size_t stop = std::min(length - 2, i + kChunkBytes);
+    char* out = chunk;
+    // This loop branches on '%' on purpose: where the next position comes
+    // from depends on it, and a predicted branch lets the CPU run ahead,
+    // where a branch-free select waits for every load (a third slower here).
+    for (; i < stop; ++out) {
+      const unsigned char c = in[i];
+      const bool escape = c == '%';
+      const int high = kTables.hexValue[in[i + 1]];
+      const int low = kTables.hexValue[in[i + 2]];
+      if (escape && (high | low) < 0) {  // rare: not two hex digits
+        *out = static_cast<char>(ReadLikeHexStream(in[i + 1], in[i + 2]));
+        i += 3;
+        continue;
+      }
+      const unsigned char plain = c == plus ? ' ' : c;
+      *out = static_cast<char>(escape ? high << 4 | low : plain);
+      i += escape ? 3 : 1;
     }
+    decoded.append(chunk, static_cast<size_t>(out - chunk));
   }
-  decoded.resize(static_cast<size_t>(out - begin));
+  for (; i < length; ++i) {
+    if (in[i] == '%') return std::string();  // a cut escape spoils the whole text
+    decoded += in[i] == plus ? ' ' : static_cast<char>(in[i]);
+  }
   return decoded;
 }
 
