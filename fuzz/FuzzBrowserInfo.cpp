@@ -5,6 +5,7 @@
 // token is in the first 4095 characters, worked out here with std::string
 // searches; the result is -1 exactly when a scanned row finds no digit or a
 // run longer than 31.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -71,8 +72,8 @@ void SetUserAgent(const std::string& agent) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using MERO::_tag_mero_browser_info_;
-  const char* bytes = reinterpret_cast<const char*>(data);
-  const std::string agent(bytes, strnlen(bytes, size));
+  std::string agent(reinterpret_cast<const char*>(data), size);  // data may be null when size is 0
+  agent.resize(std::min(agent.find('\0'), agent.size()));
   SetUserAgent(agent);
 
   _tag_mero_browser_info_ info;
