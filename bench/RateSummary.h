@@ -13,8 +13,8 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -25,7 +25,7 @@
 namespace webapi_bench {
 
 constexpr int64_t kKiB = 1024;
-constexpr int64_t kSizes[] = {kKiB, kKiB * kKiB, 64 * kKiB * kKiB};
+constexpr int64_t kSizes[] = {kKiB, kKiB* kKiB, 64 * kKiB* kKiB};
 constexpr const char* kSizeLabels[] = {"1KiB", "1MiB", "64MiB"};
 constexpr int kSizeCount = 3;
 // Distinct input cycled through per size, so that a small input repeated a
@@ -37,7 +37,8 @@ constexpr int64_t kInputBytesPerSize = kKiB * kKiB;
 // large case to about a second per function; a function whose work is
 // bounded whatever the size gets the usual timing at 64 MiB too.
 constexpr bool kBoundedWork = true;
-inline void RegisterSizes(const char* name, void (*function)(benchmark::State&), bool boundedWork = false) {
+inline void RegisterSizes(const char* name, void (*function)(benchmark::State&),
+                          bool boundedWork = false) {
   benchmark::RegisterBenchmark(name, function)->Arg(kSizes[0])->Arg(kSizes[1]);
   auto* large = benchmark::RegisterBenchmark(name, function)->Arg(kSizes[2]);
   if (!boundedWork) large->Iterations(1);
@@ -63,7 +64,8 @@ inline void BM_FreshBuffer(benchmark::State& state) {
 
 class CapturingReporter : public benchmark::BenchmarkReporter {
  public:
-  explicit CapturingReporter(std::unique_ptr<benchmark::BenchmarkReporter> inner) : inner_(std::move(inner)) {}
+  explicit CapturingReporter(std::unique_ptr<benchmark::BenchmarkReporter> inner)
+      : inner_(std::move(inner)) {}
 
   bool ReportContext(const Context& context) override { return inner_->ReportContext(context); }
   void Finalize() override { inner_->Finalize(); }
@@ -94,7 +96,9 @@ class CapturingReporter : public benchmark::BenchmarkReporter {
   // Bytes per second of `family` at `size`; 0 when it did not run.
   double Rate(const std::string& family, int64_t size) const {
     const auto found = entries_.find({family, size});
-    return found == entries_.end() || found->second.count == 0 ? 0 : found->second.sum / found->second.count;
+    return found == entries_.end() || found->second.count == 0
+               ? 0
+               : found->second.sum / found->second.count;
   }
 
  private:
@@ -110,11 +114,13 @@ class CapturingReporter : public benchmark::BenchmarkReporter {
 
 // One row per family: MB/s per size, then each size's cost per byte relative
 // to the 1 KiB one (near 1 when the cost grows linearly with the input).
-inline void PrintLinearity(const CapturingReporter& reporter, const std::vector<std::string>& families,
-                           std::FILE* out) {
-  std::fprintf(out, "\nThroughput (MB/s, CPU time) and cost per byte relative to 1KiB\n%-26s", "function");
+inline void PrintLinearity(const CapturingReporter& reporter,
+                           const std::vector<std::string>& families, std::FILE* out) {
+  std::fprintf(out, "\nThroughput (MB/s, CPU time) and cost per byte relative to 1KiB\n%-26s",
+               "function");
   for (const char* label : kSizeLabels) std::fprintf(out, " %10s", label);
-  for (int i = 1; i < kSizeCount; ++i) std::fprintf(out, " %9s", (std::string("x") + kSizeLabels[i]).c_str());
+  for (int i = 1; i < kSizeCount; ++i)
+    std::fprintf(out, " %9s", (std::string("x") + kSizeLabels[i]).c_str());
   std::fprintf(out, "\n");
   for (const std::string& family : families) {
     std::fprintf(out, "%-26s", family.c_str());
@@ -165,7 +171,8 @@ inline void PrewarmHeap(size_t bytes) {
 // stream the summary belongs on (stderr when stdout carries JSON).
 // Returns the process exit code: 1 when a benchmark failed its checks.
 template <typename Summary>
-int RunBenchmarks(int argc, char** argv, const char* program, size_t prewarmBytes, Summary summary) {
+int RunBenchmarks(int argc, char** argv, const char* program, size_t prewarmBytes,
+                  Summary summary) {
   std::string format = "console";
   bool color = isatty(STDOUT_FILENO) != 0;
   bool coldMemory = false;
@@ -177,10 +184,12 @@ int RunBenchmarks(int argc, char** argv, const char* program, size_t prewarmByte
       continue;  // ours, not Google Benchmark's
     }
     argv[kept++] = argv[i];
-    if (arg.rfind("--benchmark_format=", 0) == 0) format = arg.substr(std::strlen("--benchmark_format="));
+    if (arg.rfind("--benchmark_format=", 0) == 0)
+      format = arg.substr(std::strlen("--benchmark_format="));
     if (arg.rfind("--benchmark_color=", 0) == 0) {
       const std::string value = arg.substr(std::strlen("--benchmark_color="));
-      if (value != "auto") color = value == "true" || value == "yes" || value == "1" || value == "always";
+      if (value != "auto")
+        color = value == "true" || value == "yes" || value == "1" || value == "always";
     }
   }
   argc = kept;
@@ -190,14 +199,15 @@ int RunBenchmarks(int argc, char** argv, const char* program, size_t prewarmByte
   if (format == "json") {
     inner = std::make_unique<benchmark::JSONReporter>();
   } else if (format == "console") {
-    inner = std::make_unique<benchmark::ConsoleReporter>(color ? benchmark::ConsoleReporter::OO_Color
-                                                               : benchmark::ConsoleReporter::OO_None);
+    inner = std::make_unique<benchmark::ConsoleReporter>(
+        color ? benchmark::ConsoleReporter::OO_Color : benchmark::ConsoleReporter::OO_None);
   } else {
     std::fprintf(stderr, "%s: --benchmark_format must be console or json\n", program);
     return 1;
   }
   if (mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024) != 1 || mallopt(M_TRIM_THRESHOLD, INT_MAX) != 1)
-    std::fprintf(stderr, "%s: could not pin the malloc thresholds; sizes may not compare\n", program);
+    std::fprintf(stderr, "%s: could not pin the malloc thresholds; sizes may not compare\n",
+                 program);
   if (!coldMemory) PrewarmHeap(prewarmBytes);
   CapturingReporter reporter(std::move(inner));
   benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -36,8 +36,9 @@ constexpr size_t kPrewarmBytes = size_t{1024} << 20;
 // ---- inputs -------------------------------------------------------------------
 
 std::string MakeHtmlText(size_t size, Rng& rng) {
-  static const char* const kPieces[] = {"<b>", "</b>", "Tom & Jerry", " ", "a < b", "x > y", "plain words here",
-                                        "caf\xC3\xA9", "\"quoted\"", "it's", "\n", "&amp;"};
+  static const char* const kPieces[] = {
+      "<b>",         "</b>",       "Tom & Jerry", " ",  "a < b", "x > y", "plain words here",
+      "caf\xC3\xA9", "\"quoted\"", "it's",        "\n", "&amp;"};
   constexpr uint32_t kPieceCount = sizeof(kPieces) / sizeof(kPieces[0]);
   std::string text;
   while (text.size() < size) text += kPieces[rng.Below(kPieceCount)];
@@ -48,14 +49,16 @@ std::string MakeHtmlText(size_t size, Rng& rng) {
 Json::Value MakeMemberValue(Rng& rng) {
   switch (rng.Below(5)) {
     case 0:
-      return Json::Value("volume " + std::to_string(rng.Below(64)) + " & share=" + std::to_string(rng.Below(9)));
+      return Json::Value("volume " + std::to_string(rng.Below(64)) +
+                         " & share=" + std::to_string(rng.Below(9)));
     case 1:
       return Json::Value(static_cast<Json::Int64>(rng.Next()) - (Json::Int64{1} << 31));
     case 2:
       return Json::Value(rng.Below(2) == 0);
     case 3: {
       Json::Value array(Json::arrayValue);
-      for (uint32_t i = 0, n = 1 + rng.Below(3); i < n; ++i) array.append(static_cast<int>(rng.Below(1000)));
+      for (uint32_t i = 0, n = 1 + rng.Below(3); i < n; ++i)
+        array.append(static_cast<int>(rng.Below(1000)));
       return array;
     }
     default:
@@ -75,7 +78,8 @@ KeyValueInput MakeKeyValue(size_t size, Rng& rng) {
   input.object = Json::Value(Json::objectValue);
   size_t written = 0;  // pairs are joined by "&" in any order, so lengths add up
   for (uint64_t index = 0;; ++index) {
-    const std::string name = "field" + std::to_string(index) + "_" + std::to_string(rng.Below(1000));
+    const std::string name =
+        "field" + std::to_string(index) + "_" + std::to_string(rng.Below(1000));
     const Json::Value value = MakeMemberValue(rng);
     std::string pair;
     Json::Value one(Json::objectValue);
@@ -92,8 +96,8 @@ KeyValueInput MakeKeyValue(size_t size, Rng& rng) {
 
 std::string MakeUserAgent(size_t size) {
   std::string agent =
-      "Mozilla/5.0 (Windows NT 10.0; Win64; x64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/120.0.0.0 "
-      "Safari/537.36 Edg/120.0.0.0";
+      "Mozilla/5.0 (Windows NT 10.0; Win64; x64) AppleWebKit/537.36 (KHTML, like Gecko) "
+      "Chrome/120.0.0.0 Safari/537.36 Edg/120.0.0.0";
   while (agent.size() < size) agent += " Extension/1.0";
   agent.resize(size);
   return agent;
@@ -106,7 +110,8 @@ const std::vector<Input>& Cached(int64_t size, Make make) {
   if (found != cache.end()) return found->second;
   std::vector<Input>& inputs = cache[size];
   Rng rng(0x2545F4914F6CDD1DULL + static_cast<uint64_t>(size));
-  for (size_t i = 0; i < InputCount(size); ++i) inputs.push_back(make(static_cast<size_t>(size), rng));
+  for (size_t i = 0; i < InputCount(size); ++i)
+    inputs.push_back(make(static_cast<size_t>(size), rng));
   return inputs;
 }
 
@@ -162,14 +167,24 @@ void BM_strPairToJsonObj(benchmark::State& state) {
 }
 
 void BM_GetBrowserInfo(benchmark::State& state) {
-  const auto& agents = Cached<std::string>(state.range(0), [](size_t size, Rng&) { return MakeUserAgent(size); });
+  const auto& agents =
+      Cached<std::string>(state.range(0), [](size_t size, Rng&) { return MakeUserAgent(size); });
   // One agent per size: set once, outside the timing.
-  if (setenv("HTTP_USER_AGENT", agents[0].c_str(), 1) != 0) return state.SkipWithError("setenv failed");
+  if (setenv("HTTP_USER_AGENT", agents[0].c_str(), 1) != 0)
+    return state.SkipWithError("setenv failed");
   Cycle(state, std::vector<int>{0}, [&agents](int) -> int64_t {
     MERO::_tag_mero_browser_info_ info;
     const int result = util::GetBrowserInfo(&info);
-    return result == 0 && info.type == MERO::BROWSER_EDGE ? static_cast<int64_t>(agents[0].size()) : -1;
+    return result == 0 && info.type == MERO::BROWSER_EDGE ? static_cast<int64_t>(agents[0].size())
+                                                          : -1;
   });
+}
+
+void PrintSummary(const CapturingReporter& reporter, std::FILE* out) {
+  PrintLinearity(reporter,
+                 {"BM_EncodeHtml", "BM_JsonObjTostrPair", "BM_strPairToJsonObj",
+                  "BM_GetBrowserInfo", "BM_FreshBuffer"},
+                 out);
 }
 
 }  // namespace
@@ -180,10 +195,5 @@ int main(int argc, char** argv) {
   RegisterSizes("BM_strPairToJsonObj", BM_strPairToJsonObj);
   RegisterSizes("BM_GetBrowserInfo", BM_GetBrowserInfo, kBoundedWork);
   RegisterSizes("BM_FreshBuffer", BM_FreshBuffer);
-  return RunBenchmarks(argc, argv, "text_utils_bench", kPrewarmBytes, [](const CapturingReporter& reporter, std::FILE* out) {
-    PrintLinearity(reporter,
-                   {"BM_EncodeHtml", "BM_JsonObjTostrPair", "BM_strPairToJsonObj", "BM_GetBrowserInfo",
-                    "BM_FreshBuffer"},
-                   out);
-  });
+  return RunBenchmarks(argc, argv, "text_utils_bench", kPrewarmBytes, PrintSummary);
 }

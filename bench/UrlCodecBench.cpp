@@ -42,9 +42,11 @@ struct Inputs {
 
 std::string MakeText(size_t size, Rng& rng) {
   static const char* const kWords[] = {
-      "some",  "value",   "with", "escapes", "eth0",   "192.168.1.10", "on",        "admin", "a/b/c",
-      "k=v",   "x&y",     "50%",  "1+1",     "Z\xC3\xBCrich", "na\xC3\xAFve", "user@host", "C:\\temp",
-      "[list]", "q?s",    "#frag", "\"quo\"", "tab\tsep", "semi;colon", "dash-ed_", "dot.", "\xE2\x82\xAC" "5"};
+      "some", "value",         "with",         "escapes",   "eth0",       "192.168.1.10",
+      "on",   "admin",         "a/b/c",        "k=v",       "x&y",        "50%",
+      "1+1",  "Z\xC3\xBCrich", "na\xC3\xAFve", "user@host", "C:\\temp",   "[list]",
+      "q?s",  "#frag",         "\"quo\"",      "tab\tsep",  "semi;colon", "dash-ed_",
+      "dot.", "5\xE2\x82\xAC"};
   constexpr uint32_t kWordCount = sizeof(kWords) / sizeof(kWords[0]);
   std::string text;
   text.reserve(size + 32);
@@ -60,8 +62,11 @@ std::string MakeText(size_t size, Rng& rng) {
 std::string EncodedPrefix(const std::string& encoded, size_t size) {
   if (encoded.size() <= size) return encoded;
   size_t cut = size;
-  if (encoded[cut - 1] == '%') cut -= 1;
-  else if (cut >= 2 && encoded[cut - 2] == '%') cut -= 2;
+  if (encoded[cut - 1] == '%') {
+    cut -= 1;
+  } else if (cut >= 2 && encoded[cut - 2] == '%') {
+    cut -= 2;
+  }
   return encoded.substr(0, cut);
 }
 
@@ -73,7 +78,8 @@ const Inputs& InputsOf(int64_t size) {
   Rng rng(0x5DEECE66DULL + static_cast<uint64_t>(size));
   for (size_t i = 0; i < InputCount(size); ++i) {
     in.texts.push_back(MakeText(static_cast<size_t>(size), rng));
-    in.encoded.push_back(EncodedPrefix(util::URLEncode(in.texts.back()), static_cast<size_t>(size)));
+    in.encoded.push_back(
+        EncodedPrefix(util::URLEncode(in.texts.back()), static_cast<size_t>(size)));
   }
   return in;
 }
@@ -100,7 +106,8 @@ bool CurlEscape(const std::string& text, std::string* out) {
 
 bool CurlUnescape(const std::string& encoded, std::string* out) {
   int length = 0;
-  char* decoded = curl_easy_unescape(Curl(), encoded.data(), static_cast<int>(encoded.size()), &length);
+  char* decoded =
+      curl_easy_unescape(Curl(), encoded.data(), static_cast<int>(encoded.size()), &length);
   if (!decoded) return false;
   if (out) out->assign(decoded, static_cast<size_t>(length));
   curl_free(decoded);
@@ -115,8 +122,10 @@ std::string CheckAgreement(const Inputs& in) {
     if (!CurlEscape(in.texts[i], &theirs)) return "curl_easy_escape failed";
     if (ours != theirs) return "URLEncode and curl_easy_escape differ";
     const std::string decoded = util::URLDecode(in.encoded[i], false);
-    if (in.texts[i].compare(0, decoded.size(), decoded) != 0) return "URLDecode does not give the text back";
-    if (!CurlUnescape(in.encoded[i], &theirs) || theirs != decoded) return "URLDecode and curl_easy_unescape differ";
+    if (in.texts[i].compare(0, decoded.size(), decoded) != 0)
+      return "URLDecode does not give the text back";
+    if (!CurlUnescape(in.encoded[i], &theirs) || theirs != decoded)
+      return "URLDecode and curl_easy_unescape differ";
   }
   return {};
 }
@@ -125,7 +134,8 @@ std::string CheckAgreement(const Inputs& in) {
 const std::string& AgreementProblem(int64_t size) {
   static std::map<int64_t, std::string> problems;
   const auto found = problems.find(size);
-  return found != problems.end() ? found->second : (problems[size] = CheckAgreement(InputsOf(size)));
+  return found != problems.end() ? found->second
+                                 : (problems[size] = CheckAgreement(InputsOf(size)));
 }
 
 template <typename Body>
@@ -190,7 +200,15 @@ void PrintOursOverCurl(const CapturingReporter& reporter, std::FILE* out) {
     }
     std::fprintf(out, "\n");
   }
-  std::fprintf(out, "%s\n", met ? "At least as fast as curl at every size run." : "SLOWER than curl somewhere.");
+  std::fprintf(out, "%s\n",
+               met ? "At least as fast as curl at every size run." : "SLOWER than curl somewhere.");
+}
+
+void PrintSummary(const CapturingReporter& reporter, std::FILE* out) {
+  PrintLinearity(
+      reporter,
+      {"BM_URLEncode", "BM_CurlEscape", "BM_URLDecode", "BM_CurlUnescape", "BM_FreshBuffer"}, out);
+  PrintOursOverCurl(reporter, out);
 }
 
 }  // namespace
@@ -205,11 +223,7 @@ int main(int argc, char** argv) {
   RegisterSizes("BM_URLDecode", BM_URLDecode);
   RegisterSizes("BM_CurlUnescape", BM_CurlUnescape);
   RegisterSizes("BM_FreshBuffer", BM_FreshBuffer);
-  const int status = RunBenchmarks(argc, argv, "url_codec_bench", kPrewarmBytes, [](const CapturingReporter& reporter, std::FILE* out) {
-    PrintLinearity(reporter, {"BM_URLEncode", "BM_CurlEscape", "BM_URLDecode", "BM_CurlUnescape", "BM_FreshBuffer"},
-                   out);
-    PrintOursOverCurl(reporter, out);
-  });
+  const int status = RunBenchmarks(argc, argv, "url_codec_bench", kPrewarmBytes, PrintSummary);
   curl_easy_cleanup(Curl());
   curl_global_cleanup();
   return status;

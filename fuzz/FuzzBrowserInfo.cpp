@@ -30,7 +30,8 @@ Expected Scanned(int type, const std::string& agent, size_t from) {
   const size_t digit = agent.find_first_of("0123456789", from);
   if (digit == std::string::npos) return {type, "", -1};
   const size_t end = agent.find_first_not_of("0123456789.", digit);
-  const std::string run = agent.substr(digit, end == std::string::npos ? std::string::npos : end - digit);
+  const std::string run =
+      agent.substr(digit, end == std::string::npos ? std::string::npos : end - digit);
   return {type, run.substr(0, 31), run.size() > 31 ? -1 : 0};
 }
 
@@ -48,7 +49,9 @@ Expected Classify(const std::string& agent) {
       return {MERO::BROWSER_EDGE, agent.substr(at, 31), 0};
   }
   const std::pair<const char*, int> scannedRows[] = {
-      {"Firefox", MERO::BROWSER_FIREFOX}, {"Chrome", MERO::BROWSER_CHROME}, {"Safari", MERO::BROWSER_SAFARI},
+      {"Firefox", MERO::BROWSER_FIREFOX},
+      {"Chrome", MERO::BROWSER_CHROME},
+      {"Safari", MERO::BROWSER_SAFARI},
       {"facebookexternalhit", MERO::BROWSER_FACEBOOK}};
   for (const auto& [token, type] : scannedRows) {
     if (after(token) == npos) continue;

@@ -31,8 +31,8 @@ std::string StreamDecode(const std::string& text, bool plusAsSpace) {
 }
 
 bool IsUnreserved(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' || c == '.' ||
-         c == '_';
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' ||
+         c == '.' || c == '_';
 }
 
 bool IsCapitalHex(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'); }
@@ -58,7 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(encoded.size() == text.size() + 2 * reserved);
   for (size_t i = 0; i < encoded.size(); ++i) {
     if (encoded[i] == '%') {
-      FUZZ_CHECK(i + 2 < encoded.size() && IsCapitalHex(encoded[i + 1]) && IsCapitalHex(encoded[i + 2]));
+      FUZZ_CHECK(i + 2 < encoded.size() && IsCapitalHex(encoded[i + 1]) &&
+                 IsCapitalHex(encoded[i + 2]));
       i += 2;
     } else {
       FUZZ_CHECK(IsUnreserved(encoded[i]));

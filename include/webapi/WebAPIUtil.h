@@ -19,7 +19,7 @@ namespace MERO {
 
 // Browser families told by WebAPIUtil::GetBrowserInfo. 0 is never stored.
 enum BROWSER_TYPE {
-  BROWSER_IE = 1,        // "MSIE", or "Trident/7.0" (version 11)
+  BROWSER_IE = 1,  // "MSIE", or "Trident/7.0" (version 11)
   BROWSER_FIREFOX = 2,
   BROWSER_SAFARI = 3,
   BROWSER_CHROME = 4,
@@ -31,8 +31,8 @@ enum BROWSER_TYPE {
 
 // What GetBrowserInfo tells; the caller owns it.
 struct _tag_mero_browser_info_ {
-  int type;           // a BROWSER_TYPE code
-  char version[32];   // NUL-terminated version text, at most 31 characters
+  int type;          // a BROWSER_TYPE code
+  char version[32];  // NUL-terminated version text, at most 31 characters
 };
 
 namespace WebAPIUtil {

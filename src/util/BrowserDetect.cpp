@@ -39,16 +39,16 @@ const char* EdgeVersionText(const char* agent, const char* token) {
 int ScanVersion(const char* agent, const char* from, _tag_mero_browser_info_* info) {
   while (*from && !IsDigit(*from)) ++from;
   if (!*from) {
-    syslog(LOG_ERR, "%s(%d): not supported browser type, USER_AGENT: %s", detail::kWebApiUtilSource, __LINE__,
-           agent);
+    syslog(LOG_ERR, "%s(%d): not supported browser type, USER_AGENT: %s", detail::kWebApiUtilSource,
+           __LINE__, agent);
     return -1;
   }
   size_t length = 0;
   while (IsDigit(from[length]) || from[length] == '.') ++length;
   if (length > kVersionChars) {
     std::memcpy(info->version, from, kVersionChars);
-    syslog(LOG_ERR, "%s(%d): version size not enough, USER_AGENT: %s", detail::kWebApiUtilSource, __LINE__,
-           agent);
+    syslog(LOG_ERR, "%s(%d): version size not enough, USER_AGENT: %s", detail::kWebApiUtilSource,
+           __LINE__, agent);
     return -1;
   }
   std::memcpy(info->version, from, length);

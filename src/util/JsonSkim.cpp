@@ -130,7 +130,8 @@ int ReaderNestingBound(const char* text, size_t length) {
       if (after == kUnclosedComment) break;  // the rest is comment
       if (after == kNotAComment) {
         if (depth == 0) break;  // junk where the value should be
-        i += 2;  // the Reader's failed comment swallows the next character
+        // The Reader's failed comment swallows the next character.
+        i += 2;
         continue;
       }
       if (depth > 0) afterComment = true;

@@ -17,7 +17,9 @@ namespace MERO {
 namespace WebAPIUtil {
 namespace {
 
-bool HasNonDigit(const std::string& text) { return text.find_first_not_of("0123456789") != std::string::npos; }
+bool HasNonDigit(const std::string& text) {
+  return text.find_first_not_of("0123456789") != std::string::npos;
+}
 
 // Replaces `member` (the value text as a string) by what jsoncpp's Reader
 // reads from `text`, when it reads anything we take. A positive int read
@@ -34,7 +36,8 @@ void TakeAsJson(Json::Reader& reader, const std::string& text, Json::Value& memb
 
 }  // namespace
 
-bool JsonObjTostrPair(const Json::Value& object, std::string& out, bool urlEncode, bool jsonValues) {
+bool JsonObjTostrPair(const Json::Value& object, std::string& out, bool urlEncode,
+                      bool jsonValues) {
   if (!object.isObject()) return false;
   out.clear();
   Json::FastWriter writer;
@@ -59,7 +62,8 @@ bool JsonObjTostrPair(const Json::Value& object, std::string& out, bool urlEncod
   return true;
 }
 
-bool strPairToJsonObj(const std::string& text, Json::Value& target, bool urlDecode, bool jsonValues) {
+bool strPairToJsonObj(const std::string& text, Json::Value& target, bool urlDecode,
+                      bool jsonValues) {
   if (!target.isObject()) return false;
   Json::Reader reader;  // default features: comments allowed, any root
   for (const std::string& piece : StringExplode(text, "&")) {

@@ -39,10 +39,10 @@ constexpr ByteTables MakeByteTables() {
       tables.encoded[byte] = {'%', kUpperHex[byte >> 4], kUpperHex[byte & 0xF], 0};
       tables.encodedLength[byte] = 3;
     }
-    tables.hexValue[byte] = static_cast<signed char>(digit                            ? byte - '0'
-                                                     : byte >= 'A' && byte <= 'F'     ? byte - 'A' + 10
-                                                     : byte >= 'a' && byte <= 'f'     ? byte - 'a' + 10
-                                                                                      : -1);
+    tables.hexValue[byte] = static_cast<signed char>(digit                        ? byte - '0'
+                                                     : byte >= 'A' && byte <= 'F' ? byte - 'A' + 10
+                                                     : byte >= 'a' && byte <= 'f' ? byte - 'a' + 10
+                                                                                  : -1);
   }
   return tables;
 }
@@ -70,7 +70,8 @@ unsigned char ReadLikeHexStream(unsigned char first, unsigned char second) {
     ++i;
   }
   int value = 0;
-  for (; i < 2 && kTables.hexValue[pair[i]] >= 0; ++i) value = value * 16 + kTables.hexValue[pair[i]];
+  for (; i < 2 && kTables.hexValue[pair[i]] >= 0; ++i)
+    value = value * 16 + kTables.hexValue[pair[i]];
   return static_cast<unsigned char>(negative ? -value : value);  // keeps the low 8 bits
 }
 
@@ -86,7 +87,8 @@ std::string URLEncode(const std::string& text) {
   // A row is copied whole, so the chunk has room for the last one's padding.
   char chunk[kChunkBytes + 4];
   for (size_t i = 0; i < length;) {
-    const size_t stop = std::min(length, i + kChunkBytes / 3);  // three bytes out at most per byte in
+    // Three bytes out at most per byte in.
+    const size_t stop = std::min(length, i + kChunkBytes / 3);
     char* out = chunk;
     for (; i < stop; ++i) {
       std::memcpy(out, kTables.encoded[in[i]].data(), 4);
