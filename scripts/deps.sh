@@ -6,7 +6,8 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang clang-14 libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libjsoncpp-dev liblmdb-dev libcurl4-openssl-dev
+  libjsoncpp-dev liblmdb-dev
+  libcurl4-openssl-dev  # the end-to-end tests; url_codec_bench compares with libcurl
   lighttpd curl
 )
 missing=()

@@ -16,6 +16,25 @@ typedef struct _tag_MLIBSZLIST MLIBSZLIST;
 typedef struct _tag_MLIBSZHASH MLIBSZHASH;
 
 namespace MERO {
+
+// Browser families told by WebAPIUtil::GetBrowserInfo. 0 is never stored.
+enum BROWSER_TYPE {
+  BROWSER_IE = 1,  // "MSIE", or "Trident/7.0" (version 11)
+  BROWSER_FIREFOX = 2,
+  BROWSER_SAFARI = 3,
+  BROWSER_CHROME = 4,
+  BROWSER_FACEBOOK = 5,  // the agent "facebookexternalhit"
+  BROWSER_EDGE = 6,      // "Edge/" or "Edg/", version 12 and above
+  BROWSER_UNKNOWN = 7,   // a user agent with none of the tokens
+  BROWSER_NONE = 8,      // no user agent in the environment
+};
+
+// What GetBrowserInfo tells; the caller owns it.
+struct _tag_mero_browser_info_ {
+  int type;          // a BROWSER_TYPE code
+  char version[32];  // NUL-terminated version text, at most 31 characters
+};
+
 namespace WebAPIUtil {
 
 // ---- JSON files shared between processes ---------------------------------
@@ -135,6 +154,104 @@ WEBAPI_EXPORT bool IsEmpty(const Json::Value& value);
 // The JSON document in `text` (JsonValue::fromString), or null with the log
 // line "%s:%d %s is not JSON format".
 WEBAPI_EXPORT Json::Value ParseJson(const std::string& text);
+
+// ---- URL codec (percent-encoding) -----------------------------------------
+//
+// Both work on bytes and know nothing of character sets: a multi-byte
+// character is encoded byte by byte. Neither logs.
+
+// `text` with every byte outside the unreserved set A-Z a-z 0-9 "-" "." "_"
+// written as "%" and two capital hex digits ("~" gives %7E, a space %20,
+// never "+"). No byte from 0x80 up is unreserved. At most three times as
+// long as `text`; "" gives "".
+WEBAPI_EXPORT std::string URLEncode(const std::string& text);
+
+// `text` with each "%" and the two characters after it replaced by one byte,
+// and "+" by a space when `plusAsSpace` is set; every other byte is kept.
+// The pair after "%" is read as a hex integer would be by an istream (blanks
+// skipped first, an optional sign, an optional 0x, hex digits of either
+// case, up to the first other character) and its low 8 bits are the byte:
+// "%4a" gives "J", "%-1" 0xFF, "%4g" 0x04, "%zz" a NUL byte. The three
+// characters are always consumed, and nothing is decoded twice ("%2541"
+// gives "%41").
+//   ""   when a "%" has fewer than two characters after it ("abc%4",
+//        "%41%"), however much was decoded before it; also for "".
+// Never longer than `text`. Decoding URLEncode's output gives back its input
+// with either flag.
+WEBAPI_EXPORT std::string URLDecode(const std::string& text, bool plusAsSpace);
+
+// ---- Key-value strings and JSON objects -------------------------------------
+//
+// A key-value string is name=value pairs joined by "&", as in a query string.
+// Names are written and read exactly as they stand (never encoded or
+// decoded, may be empty); only the values go through the URL codec and, on
+// request, through JSON. Neither function logs.
+
+// Writes the members of `object`, in member order (ascending bytes of the
+// names), as name=value pairs joined by "&" into `out`.
+//   With `jsonValues`, every member's value is its compact JSON text (a
+//   string in JSON quotes, null as null, arrays and objects as compact
+//   JSON); without it, only members convertible to a string are written,
+//   as asString() gives them (null as ""), and arrays and objects are left
+//   out. With `urlEncode`, each value text is then URLEncode'd.
+//   true   `object` is an object; `out` holds the pairs ("" for none).
+//   false  `object` is not an object; `out` is unchanged.
+WEBAPI_EXPORT bool JsonObjTostrPair(const Json::Value& object, std::string& out, bool urlEncode,
+                                    bool jsonValues);
+
+// Reads the name=value pairs of `text` (split at runs of "&"; the text ends
+// at its first NUL) into members of `target`. The name is what comes before
+// the first "=" of a pair, the value what comes after it; a pair without
+// "=" or with nothing after it is skipped. A later pair of the same name
+// replaces an earlier one; members not named are left alone.
+//   With `urlDecode`, the value is URLDecode'd with plus-as-space (a broken
+//   escape sets the member to ""). The member is the value as a JSON string,
+//   unless `jsonValues` is set and the value reads as JSON the way
+//   Json::Reader reads it (a leading value, whatever follows it): then it is
+//   the parsed value, except that a non-negative int read from a text with
+//   anything but the digits 0-9 in it stays a string ("5abc", " 5", "5.0"
+//   stay strings; "5", "-3abc", "1.5", "true", "[1,2]" are taken as JSON).
+//   A value nested deeper than MERO::JsonValue::kMaxJsonDepth is not taken
+//   as JSON and stays a string (jsoncpp would throw on it instead of failing).
+//   true   `target` is an object.
+//   false  `target` is not an object (a null Json::Value is not one);
+//          nothing is changed.
+WEBAPI_EXPORT bool strPairToJsonObj(const std::string& text, Json::Value& target, bool urlDecode,
+                                    bool jsonValues);
+
+// ---- Browser detection --------------------------------------------------------
+
+// Tells the browser of the request from the environment variable
+// "HTTP_USER_AGENT", of which the first 4095 characters are searched,
+// case-sensitively, for these tokens in this order; the first that applies
+// decides:
+//   "MSIE" -> BROWSER_IE; "Trident/7.0" -> BROWSER_IE with version "11";
+//   "Edge/", then "Edg/", when the number after it (strtof) is 12 or more
+//   -> BROWSER_EDGE with all the text after the token as the version, cut to
+//   31 characters; "Firefox" -> BROWSER_FIREFOX; "Chrome" -> BROWSER_CHROME;
+//   "Safari" -> BROWSER_SAFARI; "facebookexternalhit" -> BROWSER_FACEBOOK;
+//   none -> BROWSER_UNKNOWN with an empty version.
+// For MSIE, Firefox, Chrome, Safari and facebookexternalhit the version is
+// the first run of digits and "." after the token (for Safari after
+// "Version/" when the agent holds that anywhere).
+//    0  `info` is filled. Also when the variable is unset: type BROWSER_NONE,
+//       version untouched.
+//   -1  `info` is null (nothing done); or the token has no digit after it
+//       (type set, version empty; logs "%s(%d): not supported browser type,
+//       USER_AGENT: %s"); or the version run is 32 characters or longer
+//       (type set, version its first 31; logs "%s(%d): version size not
+//       enough, USER_AGENT: %s"). The logged agent is the searched copy.
+// Keeps no state and allocates nothing.
+WEBAPI_EXPORT int GetBrowserInfo(_tag_mero_browser_info_* info);
+
+// ---- HTML encoding --------------------------------------------------------------
+
+// `text` with "<", ">" and "&" replaced by "&lt;", "&gt;", "&amp;", and each
+// space by "&nbsp;" when `nbsp` is set; every other byte, the quotes
+// included, is kept, so the result is for element content, not for
+// attribute values. Text already encoded is encoded again ("&lt;" gives
+// "&amp;lt;"). "" gives "".
+WEBAPI_EXPORT std::string EncodeHtml(const std::string& text, bool nbsp);
 
 }  // namespace WebAPIUtil
 }  // namespace MERO
