@@ -16,6 +16,7 @@ install(TARGETS ${webapi_install_targets}
 install(FILES
   include/webapi/Export.h
   include/webapi/JsonValue.h
+  include/webapi/WebAPI.h
   include/webapi/WebAPIUtil.h
   include/webapi/WebCGI.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/webapi)

@@ -16,12 +16,21 @@ cmake --build "$work/cmake-build" >/dev/null
 
 libdir=$(dirname "$(find "$work/stage" -name 'libwebapi.so' | head -n 1)")
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
-"$cxx" -std=c++17 -o "$work/pkgconfig-build" "$here/outside/main.cpp" $(pkg-config --cflags --libs webapi merocore)
+"$cxx" -std=c++17 -o "$work/pkgconfig-build" "$here/outside/main.cpp" $(pkg-config --cflags --libs webapi)
 
-expected="api=Demo.Info version=3 numeric=1 id=s1 error=0"
+# The README's walk-through: description and auth file, a session from the
+# installed tool, one request by hand.
+mkdir -p "$work/usr/mero/meroman/webapi"
+echo '{"Demo.Hello": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["get"]}}}' \
+  >"$work/usr/mero/meroman/webapi/hello.api"
+echo '{"timeout": 60, "ip_checking": true}' >"$work/usr/mero/meroman/webapi/hello.auth"
+sid=$(env LD_LIBRARY_PATH="$libdir" "$work/stage/bin/webapi-session" --root "$work" \
+      create --user alice --client 127.0.0.1 --registry hello)
+expected='{"data":{"greeting":"hello, alice"},"success":true}'
 for program in "$work/cmake-build/outside_cgi" "$work/pkgconfig-build"; do
   got=$(env -i LD_LIBRARY_PATH="$libdir" MERO_APPLIANCE_ROOT="$work" REQUEST_METHOD=GET \
-        QUERY_STRING='api=Demo.Info&version=3' HTTP_COOKIE='id=s1' "$program")
+        QUERY_STRING='api=Demo.Hello&method=get&version=1' HTTP_COOKIE="id=$sid" \
+        REMOTE_ADDR=127.0.0.1 "$program" | tail -n 1)
   if [ "$got" != "$expected" ]; then
     echo "$program printed: $got"
     echo "expected:          $expected"

@@ -1,16 +1,18 @@
-// Reads one parameter and one cookie through the installed library and the
-// installed platform header, and prints them.
-#include <webapi/WebAPIUtil.h>
-#include <webapi/WebCGI.h>
-#include <merocore.h>
+// The README's first program, built against the installed library only.
+#include <webapi/WebAPI.h>
 
-#include <cstdio>
+class Hello : public MERO::WebAPI {
+ public:
+  // The API description file and the session name; both name files in
+  // /usr/mero/meroman/webapi/.
+  Hello() : WebAPI("hello.api", "hello") { cgi.AddSecurityHeaders("default"); }
 
-int main() {
-  MERO::WebCGI cgi("outside", true);
-  int version = 0;
-  const bool numeric = MERO::WebAPIUtil::ParseInt(cgi.In("version", ""), &version);
-  std::printf("api=%s version=%d numeric=%d id=%s error=%d\n", cgi.In("api", "-"), version, numeric,
-              cgi.GetCookie("id", "-"), MLIBCErrGet());
-  return 0;
-}
+  // Runs only for a valid request of a logged-in session.
+  void HandleRequest() override {
+    Json::Value data;
+    data["greeting"] = "hello, " + cgi.GetLoginUserName();
+    SetResponse(data);  // or SetError(code, detail)
+  }
+};
+
+int main() { Hello().Run(); }
