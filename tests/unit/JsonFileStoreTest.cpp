@@ -41,6 +41,19 @@ TEST_F(JsonFileStoreTest, ReadReportsEveryFailureAsFalse) {
   EXPECT_FALSE(ReadJsonFile(value, PathOf("fifo").c_str()));
 }
 
+// Reads go straight into a buffer sized from the file: sizes around and far
+// past a memory page must come back whole.
+TEST_F(JsonFileStoreTest, ReadReturnsWholeFilesOfAnySize) {
+  for (const size_t size : {size_t{4094}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{300000}}) {
+    const std::string text(size - 8, 'x');  // {"a":"…"} adds 8 bytes
+    webapi_test::WriteRootFile("sized.json", "{\"a\":\"" + text + "\"}");
+    ASSERT_EQ(Contents("sized.json").size(), size);
+    Json::Value value;
+    ASSERT_TRUE(ReadJsonFile(value, PathOf("sized.json").c_str())) << size;
+    EXPECT_EQ(value["a"].asString(), text) << size;
+  }
+}
+
 TEST_F(JsonFileStoreTest, ReadAcceptsCommentsAndDropsThem) {
   webapi_test::WriteRootFile("c.json", "// header\n{\"a\": /* inline */ 1}\n");
   Json::Value value;

@@ -63,7 +63,9 @@ int DecodeFormLine(const char* line, size_t length, const char* what, MLIBSZHASH
     MERO_ERR_SET(MERO_ERR_REQUEST_TOO_LARGE);
     return -1;
   }
-  mero::UniqueSzHash table(MLIBCSzHashAlloc(256));
+  // Sized for the few pairs of a usual request and grown as needed: a large
+  // table costs a short-lived process page faults for slots it never uses.
+  mero::UniqueSzHash table(MLIBCSzHashAlloc(16));
   mero::UniqueCText name(static_cast<char*>(std::malloc(length + 1)));
   mero::UniqueCText value(static_cast<char*>(std::malloc(length + 1)));
   if (!table || !name || !value) {

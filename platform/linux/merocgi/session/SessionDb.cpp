@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -14,6 +15,13 @@
 #include "SessionKeys.h"
 #include "merocgi.h"
 #include "merocore.h"
+
+#ifdef MEROCGI_LMDB_LINKED_IN
+// What the linked-in LMDB's assertion handler prints to (see CMakeLists.txt):
+// hidden, because the archive reaches it PC-relative.
+extern "C" __attribute__((visibility("hidden"))) std::FILE* merocgi_lmdb_stderr;
+std::FILE* merocgi_lmdb_stderr = nullptr;
+#endif
 
 namespace merocgi {
 namespace {
@@ -172,6 +180,9 @@ SessionDb::OpenResult SessionDb::Open(Access access) {
     if (::access(path.c_str(), F_OK) != 0) return OpenResult::kMissing;  // no session yet
     flags |= MDB_RDONLY;
   }
+#ifdef MEROCGI_LMDB_LINKED_IN
+  merocgi_lmdb_stderr = stderr;
+#endif
   int status = mdb_env_create(&env_);
   if (status == 0) status = mdb_env_set_mapsize(env_, MERO_CGI_SESSION_STORE_BYTES);
   if (status == 0) status = mdb_env_set_maxreaders(env_, MERO_CGI_SESSION_MAX_READERS);

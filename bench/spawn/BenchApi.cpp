@@ -1,0 +1,34 @@
+// bench_api: one whole authorized request on MERO::WebAPI, as a CGI program
+// built like any other: construct (request context, description file), read
+// the auth file and check the session in the store, run the handler, print
+// the header and the envelope. request_cost.sh and wrk_cost.sh time it
+// against floor_cgi, which prints the same bytes.
+//
+// It answers "bench.api" requests with the session "bench"; the scripts lay
+// out both files and the session under a temporary appliance root. The exit
+// status is 1 when the request was refused, so a bench run that lost its
+// session fails instead of timing an error answer.
+#include "webapi/WebAPI.h"
+
+namespace {
+
+class BenchApi : public MERO::WebAPI {
+ public:
+  BenchApi() : WebAPI("bench.api", "bench") {}
+
+  void HandleRequest() override {
+    Json::Value data;
+    data["user"] = cgi.GetLoginUserName();
+    Json::Value& items = data["items"] = Json::Value(Json::arrayValue);
+    for (int i = 0; i < 4; ++i) items.append(i);
+    SetResponse(data);
+  }
+};
+
+}  // namespace
+
+int main() {
+  BenchApi request;
+  request.Run(true);
+  return request.GetError() == 0 ? 0 : 1;
+}
