@@ -21,8 +21,8 @@
 #   CGI_QUERY       the query string (default api=Bench.Item&method=get&version=1)
 #   CGI_REGISTRY    the session name the program checks (default bench)
 #   CGI_FILES       a directory whose files are copied next to bench.api
-# The floor then prints the first program's answer body (FLOOR_BODY), so the
-# byte comparison still holds.
+# The floor then prints the first program's whole answer (FLOOR_ANSWER), so
+# the byte comparison still holds.
 set -euo pipefail
 
 usage() { echo "usage: $0 BUILD_DIR [RUNS] [PROGRAM...]" >&2; exit 2; }
@@ -69,8 +69,7 @@ answer() { "${cgi_env[@]}" "$1" </dev/null >"$2"; }
 
 answer "${programs[0]}" "$root/first.out" || { echo "${programs[0]} failed" >&2; exit 1; }
 if [ -n "${CGI_QUERY:-}" ]; then
-  body=$(sed -n '3,$p' "$root/first.out")
-  cgi_env+=("FLOOR_BODY=$body")
+  cgi_env+=("FLOOR_ANSWER=$(cat "$root/first.out")")
 fi
 answer "$floor" "$root/floor.out" || { echo "floor_cgi failed" >&2; exit 1; }
 grep -q '"success":true}$' "$root/floor.out" || { echo "the floor's answer is not a success" >&2; exit 1; }
