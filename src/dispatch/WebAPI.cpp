@@ -4,15 +4,13 @@
 #include <string>
 
 #include "../util/AppliancePath.h"
+#include "ErrorCodes.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
 namespace {
 
-constexpr int kErrorBadRequest = 101;
-constexpr int kErrorNoSession = 105;
-constexpr int kErrorSessionExpired = 106;
-constexpr int kErrorSessionReplaced = 107;
+using namespace detail;
 
 // The session layer's answers the pipeline tells apart (merocgi.h).
 constexpr int kSessionExpired = -1;

@@ -3,18 +3,14 @@
 // Sharing links are not served yet: no request is a sharing request
 // (WebCGI::IsSharing() is false until the sharing context is loaded), so
 // Run never reaches these. A subclass that calls them directly is refused.
+#include "ErrorCodes.h"
 #include "webapi/WebAPI.h"
 
 namespace MERO {
-namespace {
-
-constexpr int kErrorSharingRefused = 126;
-
-}  // namespace
 
 bool WebAPI::CheckSharingPermission() {
   // TODO: ask the sharing library and the checker program once they exist.
-  SetError(kErrorSharingRefused);
+  SetError(detail::kErrorSharingRefused);
   return false;
 }
 

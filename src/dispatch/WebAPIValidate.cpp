@@ -5,16 +5,14 @@
 #include <climits>
 
 #include "../util/LogSource.h"
+#include "ErrorCodes.h"
 #include "webapi/WebAPI.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
 namespace {
 
-constexpr int kErrorBadRequest = 101;
-constexpr int kErrorUnknownApi = 102;
-constexpr int kErrorUnknownMethod = 103;
-constexpr int kErrorBadVersion = 104;
+using namespace detail;
 
 // A version bound as an int. Bounds of another JSON type are outside the
 // format; they read as a range that admits nothing rather than throwing.

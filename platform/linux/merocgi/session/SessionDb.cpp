@@ -271,45 +271,46 @@ bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
 
 namespace {
 
-// Deletes, in one transaction, every record for which `matches` holds; a
-// record that does not decode is deleted when `dropUndecodable` is set and
-// left alone otherwise.
+// Walks every record with a cursor of `txn`. `visit` gets the decoded row
+// (null for a record that does not decode) and the cursor on it, and
+// returns 0 to go on or an LMDB error to stop. Returns 0 or that error.
+int ScanRecords(MDB_txn* txn, MDB_dbi dbi,
+                const std::function<int(const SessionRow*, MDB_cursor*)>& visit) {
+  CursorOwner cursor;
+  int status = mdb_cursor_open(txn, dbi, cursor.Out());
+  if (status != 0) return status;
+  MDB_val key, value;
+  for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
+       status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
+    SessionRow row;
+    const int stop = visit(RowFromCursor(key, value, &row) ? &row : nullptr, cursor.Get());
+    if (stop != 0) return stop;
+  }
+  return status == MDB_NOTFOUND ? 0 : status;
+}
+
+// Deletes every record for which `matches` holds, and a record that does
+// not decode when `dropUndecodable` is set. The number deleted, or -1 with
+// the LMDB error in *status.
 int DeleteWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
                 bool dropUndecodable, int* status) {
-  CursorOwner cursor;
-  *status = mdb_cursor_open(txn, dbi, cursor.Out());
-  if (*status != 0) return -1;
   int removed = 0;
-  MDB_val key, value;
-  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
-       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
-    SessionRow row;
-    const bool decoded = RowFromCursor(key, value, &row);
-    if (decoded ? !matches(row) : !dropUndecodable) continue;
-    *status = mdb_cursor_del(cursor.Get(), 0);
-    if (*status != 0) return -1;
+  *status = ScanRecords(txn, dbi, [&](const SessionRow* row, MDB_cursor* cursor) {
+    if (row ? !matches(*row) : !dropUndecodable) return 0;
     ++removed;
-  }
-  if (*status != MDB_NOTFOUND) return -1;
-  *status = 0;
-  return removed;
+    return mdb_cursor_del(cursor, 0);
+  });
+  return *status == 0 ? removed : -1;
 }
 
 int CountWhere(MDB_txn* txn, MDB_dbi dbi, const std::function<bool(const SessionRow&)>& matches,
                int* status) {
-  CursorOwner cursor;
-  *status = mdb_cursor_open(txn, dbi, cursor.Out());
-  if (*status != 0) return -1;
   int count = 0;
-  MDB_val key, value;
-  for (*status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); *status == 0;
-       *status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
-    SessionRow row;
-    if (RowFromCursor(key, value, &row) && matches(row)) ++count;
-  }
-  if (*status != MDB_NOTFOUND) return -1;
-  *status = 0;
-  return count;
+  *status = ScanRecords(txn, dbi, [&](const SessionRow* row, MDB_cursor*) {
+    count += row && matches(*row);
+    return 0;
+  });
+  return *status == 0 ? count : -1;
 }
 
 bool PastLifetime(const SessionRow& row, int64_t now) {
@@ -323,24 +324,20 @@ int SessionDb::Insert(const SessionRow& row, bool endOthers) {
     // Each new session clears out those past their lifetime, so a store
     // that no one purges still stays bounded by the sessions in use.
     int cleanup = 0;
-    if (DeleteWhere(txn, dbi_, [&](const SessionRow& old) { return PastLifetime(old, row.created); },
-                    false, &cleanup) < 0)
+    if (DeleteWhere(
+            txn, dbi_, [&](const SessionRow& old) { return PastLifetime(old, row.created); }, false,
+            &cleanup) < 0)
       return Fail("insert", cleanup);
     if (endOthers) {
       std::vector<std::pair<Sha256Digest, std::string>> ended;
-      CursorOwner cursor;
-      int status = mdb_cursor_open(txn, dbi_, cursor.Out());
+      int status = ScanRecords(txn, dbi_, [&](const SessionRow* other, MDB_cursor*) {
+        if (!other || other->user != row.user || other->registry != row.registry) return 0;
+        SessionRow endedRow = *other;
+        endedRow.state = static_cast<int>(SessionState::kEnded);
+        ended.emplace_back(endedRow.idHash, EncodeSessionRow(endedRow));
+        return 0;
+      });
       if (status != 0) return Fail("ending other sessions", status);
-      MDB_val key, value;
-      for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
-           status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
-        SessionRow other;
-        if (!RowFromCursor(key, value, &other)) continue;
-        if (other.user != row.user || other.registry != row.registry) continue;
-        other.state = static_cast<int>(SessionState::kEnded);
-        ended.emplace_back(other.idHash, EncodeSessionRow(other));
-      }
-      if (status != MDB_NOTFOUND) return Fail("ending other sessions", status);
       for (auto& [idHash, record] : ended) {
         MDB_val otherKey = KeyOf(idHash), otherValue{record.size(), record.data()};
         status = mdb_put(txn, dbi_, &otherKey, &otherValue, 0);
@@ -351,7 +348,8 @@ int SessionDb::Insert(const SessionRow& row, bool endOthers) {
     MDB_val key = KeyOf(row.idHash), value{record.size(), const_cast<char*>(record.data())};
     const int status = mdb_put(txn, dbi_, &key, &value, MDB_NOOVERWRITE);
     if (status == MDB_MAP_FULL)
-      MEROCGI_LOG("session store is full; remove idle sessions with: webapi-session purge --idle N");
+      MEROCGI_LOG(
+          "session store is full; remove idle sessions with: webapi-session purge --idle N");
     return status == 0 ? 1 : Fail("insert", status);
   });
 }
@@ -364,7 +362,6 @@ int SessionDb::Delete(const Sha256Digest& idHash) {
     return status == 0 ? 1 : Fail("delete", status);
   });
 }
-
 
 int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
   std::string prefix = hexPrefix;
@@ -387,8 +384,8 @@ int SessionDb::DeleteByRefPrefix(const std::string& hexPrefix) {
 int SessionDb::DeleteByUser(const std::string& user) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
     int status = 0;
-    const int removed = DeleteWhere(txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, false,
-                    &status);
+    const int removed = DeleteWhere(
+        txn, dbi_, [&](const SessionRow& row) { return row.user == user; }, false, &status);
     return removed < 0 ? Fail("delete", status) : removed;
   });
 }
@@ -411,26 +408,20 @@ int SessionDb::Collect(std::vector<SessionRow>* rows) {
   int status = BeginRead(&txn);
   if (status != 0) return Fail("read", status);
   TxnOwner owner(txn);
-  CursorOwner cursor;
-  status = mdb_cursor_open(txn, dbi_, cursor.Out());
-  if (status != 0) return Fail("read", status);
   int undecodable = 0;
-  MDB_val key, value;
-  for (status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST); status == 0;
-       status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT)) {
-    SessionRow row;
-    if (RowFromCursor(key, value, &row))
-      rows->push_back(std::move(row));
+  status = ScanRecords(txn, dbi_, [&](const SessionRow* row, MDB_cursor*) {
+    if (row)
+      rows->push_back(*row);
     else
       ++undecodable;
-  }
-  if (status != MDB_NOTFOUND) return Fail("read", status);
+    return 0;
+  });
+  if (status != 0) return Fail("read", status);
   if (undecodable)
     MEROCGI_LOG("session store holds %d records that do not decode; a purge removes them",
                 undecodable);
-  std::stable_sort(rows->begin(), rows->end(), [](const SessionRow& a, const SessionRow& b) {
-    return a.created < b.created;
-  });
+  std::stable_sort(rows->begin(), rows->end(),
+                   [](const SessionRow& a, const SessionRow& b) { return a.created < b.created; });
   return static_cast<int>(rows->size());
 }
 
