@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "RateSummary.h"
 #include "merocgi.h"
 #include "merocore.h"
 
@@ -48,21 +49,7 @@ struct ParamLine {
   std::vector<std::pair<std::string, std::string>> pairs;  // decoded name, value
 };
 
-// Small deterministic generator, so every run benchmarks the same lines.
-class Rng {
- public:
-  explicit Rng(uint64_t seed) : state_(seed) {}
-  uint32_t Next() {
-    state_ ^= state_ << 13;
-    state_ ^= state_ >> 7;
-    state_ ^= state_ << 17;
-    return static_cast<uint32_t>(state_ >> 11);
-  }
-  uint32_t Below(uint32_t n) { return Next() % n; }
-
- private:
-  uint64_t state_;
-};
+using webapi_bench::Rng;
 
 // Form-encodes `raw` the way browsers do, with some variety: unreserved bytes
 // stay, a space becomes '+' or "%20", anything else "%XY" in upper or lower

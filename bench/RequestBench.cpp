@@ -21,6 +21,7 @@
 #include <map>
 #include <string>
 
+#include "BenchApi.h"
 #include "merocgi.h"
 #include "webapi/WebAPI.h"
 
@@ -30,17 +31,7 @@ constexpr int kSessionsInStore = 2000;
 
 std::string g_session;  // alice's live session
 
-class BenchApi : public MERO::WebAPI {
- public:
-  BenchApi() : WebAPI("bench.api", "bench") {}
-  void HandleRequest() override {
-    Json::Value data;
-    data["user"] = cgi.GetLoginUserName();
-    data["items"] = Json::Value(Json::arrayValue);
-    for (int i = 0; i < 4; ++i) data["items"].append(i);
-    SetResponse(data);
-  }
-};
+using webapi_bench::BenchApi;
 
 void SetRequestEnvironment() {
   setenv("REQUEST_METHOD", "GET", 1);

@@ -8,27 +8,10 @@
 // out both files and the session under a temporary appliance root. The exit
 // status is 1 when the request was refused, so a bench run that lost its
 // session fails instead of timing an error answer.
-#include "webapi/WebAPI.h"
-
-namespace {
-
-class BenchApi : public MERO::WebAPI {
- public:
-  BenchApi() : WebAPI("bench.api", "bench") {}
-
-  void HandleRequest() override {
-    Json::Value data;
-    data["user"] = cgi.GetLoginUserName();
-    Json::Value& items = data["items"] = Json::Value(Json::arrayValue);
-    for (int i = 0; i < 4; ++i) items.append(i);
-    SetResponse(data);
-  }
-};
-
-}  // namespace
+#include "../BenchApi.h"
 
 int main() {
-  BenchApi request;
+  webapi_bench::BenchApi request;
   request.Run(true);
   return request.GetError() == 0 ? 0 : 1;
 }
