@@ -18,7 +18,8 @@ cmake --preset release >/dev/null
 cmake --build --preset release --target sysinfo settings maintenance webapi-session
 work=$PWD/build-release/demo
 bash examples/deploy/layout.sh build-release "$work" "$port"
-lighttpd -tt -f "$work/lighttpd.conf" >/dev/null
+lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on every PATH
+"$lighttpd" -tt -f "$work/lighttpd.conf" >/dev/null
 
 sid=$(cat "$work/session")
 base="http://127.0.0.1:$port/api"
@@ -42,4 +43,4 @@ Sessions: build-release/tools/webapi-session --root $work/root list
 Logs:     $work/logs/
 
 TEXT
-exec lighttpd -D -f "$work/lighttpd.conf"
+exec "$lighttpd" -D -f "$work/lighttpd.conf"

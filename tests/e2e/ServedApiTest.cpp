@@ -129,6 +129,8 @@ class ServedApiTest : public ::testing::Test {
       freopen(log.c_str(), "w", stdout);
       freopen(log.c_str(), "a", stderr);
       execlp("lighttpd", "lighttpd", "-D", "-f", config.c_str(), static_cast<char*>(nullptr));
+      // Not on PATH (sbin is not, for most users): where Debian puts it.
+      execl("/usr/sbin/lighttpd", "lighttpd", "-D", "-f", config.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
     for (int i = 0; i < 100; ++i) {
