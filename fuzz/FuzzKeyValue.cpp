@@ -99,13 +99,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(target.isMember(name));
     const Json::Value& member = target[name];
     const std::string valueText = urlDecode ? URLDecode(raw, true) : raw;
-    if (member == Json::Value(valueText)) continue;
-    FUZZ_CHECK(jsonValues);
-    Json::Value parsed;
-    FUZZ_CHECK(reader.parse(valueText.data(), valueText.data() + valueText.size(), parsed, false));
-    FUZZ_CHECK(member == parsed);
-    FUZZ_CHECK(!(member.isInt() && member.asLargestInt() >= 0) ||
-               valueText.find_first_not_of("0123456789") == std::string::npos);
+    // Independently: what the Reader takes, less the digits rule.
+    Json::Value expected(valueText);
+    if (jsonValues) {
+      Json::Value parsed;
+      bool read = false;
+      try {
+        read = reader.parse(valueText.data(), valueText.data() + valueText.size(), parsed, false);
+      } catch (const Json::Exception&) {
+      }
+      const bool digitsRule = parsed.isInt() && parsed.asLargestInt() >= 0 &&
+                              valueText.find_first_not_of("0123456789") != std::string::npos;
+      if (read && !digitsRule) expected = parsed;
+    }
+    FUZZ_CHECK(member == expected);
   }
 
   std::string written;

@@ -211,8 +211,8 @@ WEBAPI_EXPORT bool JsonObjTostrPair(const Json::Value& object, std::string& out,
 //   the parsed value, except that a non-negative int read from a text with
 //   anything but the digits 0-9 in it stays a string ("5abc", " 5", "5.0"
 //   stay strings; "5", "-3abc", "1.5", "true", "[1,2]" are taken as JSON).
-//   A value nested deeper than MERO::JsonValue::kMaxJsonDepth is not taken
-//   as JSON and stays a string (jsoncpp would throw on it instead of failing).
+//   A value on which Json::Reader throws instead of failing (nested deeper
+//   than its limit of 1000) stays a string.
 //   true   `target` is an object.
 //   false  `target` is not an object (a null Json::Value is not one);
 //          nothing is changed.

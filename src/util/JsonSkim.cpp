@@ -119,47 +119,5 @@ JsonOutline SkimJson(const char* text, size_t length) {
   return outline;
 }
 
-int ReaderNestingBound(const char* text, size_t length) {
-  int depth = 0;
-  int maxDepth = 0;
-  bool afterComment = false;
-  for (size_t i = 0; i < length;) {
-    const char c = text[i];
-    if (c == '/') {
-      const size_t after = SkipComment(text, length, i);
-      if (after == kUnclosedComment) break;  // the rest is comment
-      if (after == kNotAComment) {
-        if (depth == 0) break;  // junk where the value should be
-        // The Reader's failed comment swallows the next character.
-        i += 2;
-        continue;
-      }
-      if (depth > 0) afterComment = true;
-      i = after;
-      continue;
-    }
-    if (depth == 0) {  // before the leading value
-      if (IsBlank(c)) {
-        ++i;
-        continue;
-      }
-      if (c != '[' && c != '{') break;  // a scalar root, or junk: no nesting
-    }
-    if (c == '"') {
-      for (++i; i < length && text[i] != '"'; ++i)
-        if (text[i] == '\\') ++i;
-      ++i;
-      continue;
-    }
-    if (c == '[' || c == '{') {
-      if (++depth > maxDepth) maxDepth = depth;
-    } else if (c == '}' || (c == ']' && !afterComment)) {
-      if (--depth == 0) break;  // the leading value is closed
-    }
-    ++i;
-  }
-  return maxDepth;
-}
-
 }  // namespace detail
 }  // namespace MERO

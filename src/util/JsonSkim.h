@@ -21,14 +21,6 @@ struct JsonOutline {
 // so brackets inside them do not count.
 JsonOutline SkimJson(const char* text, size_t length);
 
-// At least as many arrays and objects as jsoncpp's Reader (default
-// features) ever has open at once while it reads the leading value of
-// `text`, the one value it reads before it stops and ignores the rest. Exact
-// for text without comments; after a comment a "]" no longer counts as a
-// close, because in an object the Reader takes any token after a comment in
-// place of the ",".
-int ReaderNestingBound(const char* text, size_t length);
-
 }  // namespace detail
 }  // namespace MERO
 

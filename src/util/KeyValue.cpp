@@ -9,8 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "JsonSkim.h"
-#include "webapi/JsonValue.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
@@ -26,10 +24,14 @@ bool HasNonDigit(const std::string& text) {
 // from a text that is more than digits ("5abc", " 5", "5.0") stays a string:
 // the Reader would take the leading number and drop the rest.
 void TakeAsJson(Json::Reader& reader, const std::string& text, Json::Value& member) {
-  // The Reader throws, rather than fails, past its own nesting limit.
-  if (detail::ReaderNestingBound(text.data(), text.size()) > JsonValue::kMaxJsonDepth) return;
   Json::Value parsed;
-  if (!reader.parse(text.data(), text.data() + text.size(), parsed, false)) return;
+  try {
+    if (!reader.parse(text.data(), text.data() + text.size(), parsed, false)) return;
+  } catch (const Json::Exception&) {
+    // The Reader throws, rather than fails, past its own nesting limit
+    // (1000): request text must not end the process, so it stays text.
+    return;
+  }
   if (parsed.isInt() && parsed.asLargestInt() >= 0 && HasNonDigit(text)) return;
   member = std::move(parsed);
 }

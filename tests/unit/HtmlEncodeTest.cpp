@@ -35,4 +35,14 @@ TEST(HtmlEncodeTest, EveryOtherByteStaysItself) {
   }
 }
 
+TEST(HtmlEncodeTest, LongTextsAcrossTheOutputChunks) {
+  std::string in, want;
+  for (int i = 0; i < 2000; ++i) {
+    in += "< ";
+    want += "&lt;&nbsp;";
+  }
+  EXPECT_EQ(EncodeHtml(in, true), want);
+  EXPECT_EQ(EncodeHtml(std::string(20000, 'x') + "&", false), std::string(20000, 'x') + "&amp;");
+}
+
 }  // namespace

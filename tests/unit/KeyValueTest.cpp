@@ -47,7 +47,9 @@ TEST(KeyValueTest, JsonObjTostrPairWritesMembersInByteOrderPerFlags) {
 }
 
 TEST(KeyValueTest, StrPairToJsonObjTakesJsonValuesTheWayTheReaderReadsThem) {
-  const std::string deep = std::string(600, '[') + std::string(600, ']');
+  // jsoncpp's Reader nests 1000 deep and throws on the 1001st level.
+  const std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+  const std::string tooDeep = std::string(1001, '[') + std::string(1001, ']');
   // After a comment in an object, jsoncpp's Reader takes any token for the
   // "," (here "]" and a failed comment "/\""), then nests on.
   const std::string afterSkippedClose = R"({"a":1 /**/ ] "b":)" + std::string(1100, '[');
@@ -69,8 +71,10 @@ TEST(KeyValueTest, StrPairToJsonObjTakesJsonValuesTheWayTheReaderReadsThem) {
       {"a=1.5&b=-2.0&c=4294967296&d=null&e=%22x%22&f=truex&g=[1]x&h=[1,2", true, true,
        R"({"a":1.5,"b":-2.0,"c":4294967296,"d":null,"e":"x","f":true,"g":[1],"h":"[1,2"})"},
       {"o=%7B%22k%22%3A%5B%22%C3%A9%22%5D%7D", true, true, R"({"o":{"k":["\u00e9"]}})"},
-      {"n=" + std::string(100, '[') + std::string(100, ']'), false, true,
-       R"({"n":)" + std::string(100, '[') + std::string(100, ']') + "}"},
+      {"n=" + std::string(600, '[') + std::string(600, ']'), false, true,
+       R"({"n":)" + std::string(600, '[') + std::string(600, ']') + "}"},
+      // The leading value is read; what follows it, however deep, is not.
+      {"n=[1/**/]" + std::string(600, '['), false, true, R"({"n":[1]})"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text.substr(0, 60) + (c.url ? " url" : "") + (c.json ? " json" : ""));
@@ -78,8 +82,15 @@ TEST(KeyValueTest, StrPairToJsonObjTakesJsonValuesTheWayTheReaderReadsThem) {
     EXPECT_TRUE(util::strPairToJsonObj(c.text, target, c.url, c.json));
     EXPECT_EQ(target, J(c.want));
   }
-  // Too deep for jsoncpp, which would throw: stays the text it was.
-  for (const std::string& value : {deep, afterSkippedClose, afterBadComment, std::string(5000, '{')}) {
+  Json::Value deepTarget(Json::objectValue);
+  EXPECT_TRUE(util::strPairToJsonObj("n=" + deepest, deepTarget, false, true));
+  const Json::Value* level = &deepTarget["n"];
+  int depth = 0;
+  for (; level->isArray() && level->size() == 1; level = &(*level)[0]) ++depth;
+  EXPECT_EQ(depth, 999);  // 999 arrays of one element, the innermost empty
+  EXPECT_TRUE(level->isArray() && level->empty());
+  // Too deep for jsoncpp, which throws: stays the text it was.
+  for (const std::string& value : {tooDeep, afterSkippedClose, afterBadComment, std::string(5000, '{')}) {
     Json::Value target(Json::objectValue);
     EXPECT_TRUE(util::strPairToJsonObj("n=" + value, target, false, true));
     EXPECT_EQ(target["n"], Json::Value(value));

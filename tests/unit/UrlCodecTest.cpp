@@ -112,4 +112,21 @@ TEST(UrlCodecTest, DecodeOfEncodeGivesTheTextBackWithEitherFlag) {
   }
 }
 
+// Results are written through a fixed-size buffer: escapes and long
+// outputs that straddle its edges.
+TEST(UrlCodecTest, LongTextsAcrossTheOutputChunks) {
+  std::string accents, encodedAccents;
+  for (int i = 0; i < 3000; ++i) {
+    accents += "\xc3\xa9";
+    encodedAccents += "%C3%A9";
+  }
+  EXPECT_EQ(URLEncode(accents), encodedAccents);
+  EXPECT_EQ(URLDecode(encodedAccents, false), accents);
+  for (size_t lead : {8189u, 8190u, 8191u, 8192u, 8193u}) {
+    const std::string pad(lead, 'a');
+    EXPECT_EQ(URLDecode(pad + "%41+b", true), pad + "A b") << lead;
+    EXPECT_EQ(URLDecode(pad + "%41%4", false), "") << lead;  // a cut escape empties it all
+  }
+}
+
 }  // namespace
