@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "RowEncode.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
@@ -19,7 +20,6 @@ namespace {
 
 constexpr size_t kMaxEntityBytes = 6;  // &nbsp;
 constexpr size_t kRowBytes = 8;
-constexpr size_t kChunkBytes = 8192;  // the result is written through a stack chunk
 
 struct EntityTable {
   std::array<std::array<char, kRowBytes>, 256> row{};
@@ -60,24 +60,7 @@ constexpr EntityTable kSpacesAsNbsp = MakeEntityTable(true);
 
 std::string EncodeHtml(const std::string& text, bool nbsp) {
   const EntityTable& table = nbsp ? kSpacesAsNbsp : kSpacesKept;
-  const auto* in = reinterpret_cast<const unsigned char*>(text.data());
-  const size_t length = text.size();
-  size_t encodedLength = 0;
-  for (size_t i = 0; i < length; ++i) encodedLength += table.length[in[i]];
-  std::string encoded;
-  encoded.reserve(encodedLength);  // reserved, not filled: written once, through the chunk
-  // A row is copied whole, so the chunk has room for the last one's padding.
-  char chunk[kChunkBytes + kRowBytes];
-  for (size_t i = 0; i < length;) {
-    const size_t stop = std::min(length, i + kChunkBytes / kMaxEntityBytes);
-    char* out = chunk;
-    for (; i < stop; ++i) {
-      std::memcpy(out, table.row[in[i]].data(), kRowBytes);
-      out += table.length[in[i]];
-    }
-    encoded.append(chunk, static_cast<size_t>(out - chunk));
-  }
-  return encoded;
+  return detail::EncodeByRows(text, table.row, table.length, kMaxEntityBytes);
 }
 
 }  // namespace WebAPIUtil

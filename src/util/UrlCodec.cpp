@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "RowEncode.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
@@ -78,25 +79,7 @@ unsigned char ReadLikeHexStream(unsigned char first, unsigned char second) {
 }  // namespace
 
 std::string URLEncode(const std::string& text) {
-  const auto* in = reinterpret_cast<const unsigned char*>(text.data());
-  const size_t length = text.size();
-  size_t encodedLength = 0;
-  for (size_t i = 0; i < length; ++i) encodedLength += kTables.encodedLength[in[i]];
-  std::string encoded;
-  encoded.reserve(encodedLength);  // reserved, not filled: written once, through the chunk
-  // A row is copied whole, so the chunk has room for the last one's padding.
-  char chunk[kChunkBytes + 4];
-  for (size_t i = 0; i < length;) {
-    // Three bytes out at most per byte in.
-    const size_t stop = std::min(length, i + kChunkBytes / 3);
-    char* out = chunk;
-    for (; i < stop; ++i) {
-      std::memcpy(out, kTables.encoded[in[i]].data(), 4);
-      out += kTables.encodedLength[in[i]];
-    }
-    encoded.append(chunk, static_cast<size_t>(out - chunk));
-  }
-  return encoded;
+  return detail::EncodeByRows(text, kTables.encoded, kTables.encodedLength, 3);  // "%XY" at most
 }
 
 std::string URLDecode(const std::string& text, bool plusAsSpace) {
