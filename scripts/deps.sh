@@ -9,6 +9,9 @@ packages=(
   libjsoncpp-dev liblmdb-dev
   libcurl4-openssl-dev  # the end-to-end tests; url_codec_bench compares with libcurl
   lighttpd curl
+  libpam0g-dev libpam-modules libpam-pwdfile  # logins through PAM; the demo's password file
+  libpam-wrapper libnss-wrapper libuid-wrapper  # test users, groups, PAM modules and id switching
+  openssl  # the demo hashes its password with openssl passwd
 )
 missing=()
 for package in "${packages[@]}"; do
