@@ -1,5 +1,6 @@
 /* Core platform library (libmerocore): string list and string hash, settings
- * files, file locks, the last-error code, lower-casing and the appliance root.
+ * files, file locks, the last-error code, lower-casing, the appliance root
+ * and membership of the administrators' group.
  *
  * C linkage, usable from C and C++. No operation throws; each states below
  * what it returns in every case and who frees what it hands out (always
@@ -104,6 +105,30 @@ MERO_EXPORT int MLIBCFileExist(const char* path);
  * resolve appliance paths with MeroAppliancePath first. */
 MERO_EXPORT int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
                                      int flags);
+
+/* ------------------------------------------------------------------------ */
+/* Administrators                                                             */
+/* ------------------------------------------------------------------------ */
+
+/* The administrators' group, unless the appliance settings file
+ * "/etc/meroinfo.conf" (under the appliance root) names another with
+ * admin_group="name". */
+#define MERO_ADMIN_GROUP_DEFAULT "administrators"
+
+/* Whether account `user` is an administrator: a member of the
+ * administrators' group, as its primary group (getpwnam) or as a
+ * supplementary one (getgrouplist). The settings file is read at every call;
+ * when it is absent, or its admin_group is missing or empty, the group is
+ * MERO_ADMIN_GROUP_DEFAULT.
+ *   1   a member.
+ *   0   not a member, or no group of that name exists.
+ *   -1  MLIBCErrGet() tells why: MERO_ERR_INVALID_ARGUMENT (null or empty
+ *       user), MERO_ERR_NOT_FOUND (no such account), MERO_ERR_IO (the account
+ *       or group database could not be read, logged; or the settings file
+ *       exists but could not be read, so the configured group is unknown),
+ *       MERO_ERR_NO_MEMORY.
+ * `flags` is reserved (pass 0); it changes nothing on this platform. */
+MERO_EXPORT int MLIBGroupIsAdminGroupMem(const char* user, int flags);
 
 /* ------------------------------------------------------------------------ */
 /* File locks                                                                 */

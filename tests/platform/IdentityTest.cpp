@@ -1,0 +1,87 @@
+// Accounts, groups and the identity of a session's user on the Linux
+// platform. The accounts are nss_wrapper's (tests/data/identity/); their
+// home directories are made here under IDENTITY_HOMES, in the build
+// directory, and removed again. Owners and id switches need root: those
+// cases are skipped otherwise.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include "ApplianceRootEnv.h"
+#include "merocgi.h"
+#include "merocore.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class IdentityTest : public webapi_test::ApplianceRootTest {
+ protected:
+  void SetUp() override {
+    ApplianceRootTest::SetUp();
+    fs::remove_all(IDENTITY_HOMES);
+    fs::create_directories(IDENTITY_HOMES);
+  }
+  void TearDown() override {
+    fs::remove_all(IDENTITY_HOMES);
+    ApplianceRootTest::TearDown();
+  }
+
+  // A fresh home directory `name` with the owner and mode given.
+  static void MakeHome(const std::string& name, uid_t uid, gid_t gid, mode_t mode) {
+    const std::string path = std::string(IDENTITY_HOMES) + "/" + name;
+    fs::remove_all(path);
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0) << path;
+    ASSERT_EQ(::chown(path.c_str(), uid, gid), 0) << path << ": " << std::strerror(errno);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
+  }
+
+  static std::string CreateSession(const char* registry, const char* user, int endOthers = 0) {
+    char id[MERO_CGI_SESSION_ID_CHARS + 1] = {};
+    EXPECT_EQ(
+        MeroCgiSessionCreate(registry, user, "192.0.2.1", 3600, nullptr, endOthers, id, sizeof id),
+        MERO_SESSION_AUTHORIZED);
+    return id;
+  }
+};
+
+TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
+  struct Case {
+    const char* settings;  // null: no settings file
+    const char* user;
+    int want;
+    int wantError;
+  };
+  const Case cases[] = {
+      {nullptr, "alice", 1, MERO_ERR_NONE},      // supplementary
+      {nullptr, "DOM\\dave", 1, MERO_ERR_NONE},  // primary
+      {nullptr, "bob", 0, MERO_ERR_NONE},
+      {"admin_group=\"operators\"\n", "erin@example.com", 1, MERO_ERR_NONE},  // its 42nd group
+      {"admin_group=\"operators\"\n", "alice", 0, MERO_ERR_NONE},
+      {"admin_group=\"\"\n", "alice", 1, MERO_ERR_NONE},
+      {"admin_group=\"nosuchgroup\"\n", "alice", 0, MERO_ERR_NONE},
+      {nullptr, "nosuchuser", -1, MERO_ERR_NOT_FOUND},
+      {nullptr, "", -1, MERO_ERR_INVALID_ARGUMENT},
+      {nullptr, nullptr, -1, MERO_ERR_INVALID_ARGUMENT},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.settings ? c.settings : "(default) ") + (c.user ? c.user : "null"));
+    fs::remove(root() / "etc/meroinfo.conf");
+    if (c.settings) webapi_test::WriteRootFile("etc/meroinfo.conf", c.settings);
+    MLIBCErrSetEx(MERO_ERR_NONE, "", 0);
+    EXPECT_EQ(MLIBGroupIsAdminGroupMem(c.user, 0), c.want);
+    if (c.want < 0) {
+      EXPECT_EQ(MLIBCErrGet(), c.wantError);
+    }
+  }
+}
+
+}  // namespace
