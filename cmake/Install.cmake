@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(webapi_install_targets webapi)
 if(WEBAPI_SPLIT_PLATFORM)
-  list(APPEND webapi_install_targets merocore merocgi zel)
+  list(APPEND webapi_install_targets merocore merocgi merosdk zel)
 endif()
 
 install(TARGETS ${webapi_install_targets}
@@ -24,6 +24,7 @@ install(FILES
   platform/include/mero_export.h
   platform/include/merocgi.h
   platform/include/merocore.h
+  platform/include/merosdk.h
   platform/include/zel.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero)
 
@@ -37,8 +38,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
 
-# pkg-config: webapi.pc always; merocore.pc and merocgi.pc name the library
-# that holds those symbols (libwebapi itself unless the platform is split).
+# pkg-config: webapi.pc always; merocore.pc, merocgi.pc, merosdk.pc and
+# zel.pc name the library that holds those symbols (libwebapi itself unless
+# the platform is split).
 # The prefix is found relative to the .pc file, so a staged or relocated
 # install works as well as the configured prefix.
 file(RELATIVE_PATH webapi_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
@@ -51,13 +53,15 @@ function(webapi_pkgconfig name description requires libname)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 if(WEBAPI_SPLIT_PLATFORM)
-  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore zel" webapi)
+  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk zel" webapi)
   webapi_pkgconfig(merocore "Core platform library: string lists and hashes, settings, locks" "" merocore)
   webapi_pkgconfig(merocgi "CGI platform library: request state, parameters, cookies, response" "merocore" merocgi)
+  webapi_pkgconfig(merosdk "SDK platform library: accounts behind login names" "" merosdk)
   webapi_pkgconfig(zel "Security headers platform library" "jsoncpp" zel)
 else()
   webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp" webapi)
   webapi_pkgconfig(merocore "Core platform library (inside libwebapi)" "" webapi)
   webapi_pkgconfig(merocgi "CGI platform library (inside libwebapi)" "merocore" webapi)
+  webapi_pkgconfig(merosdk "SDK platform library (inside libwebapi)" "" webapi)
   webapi_pkgconfig(zel "Security headers platform library (inside libwebapi)" "jsoncpp" webapi)
 endif()

@@ -18,6 +18,7 @@
 #include "ApplianceRootEnv.h"
 #include "merocgi.h"
 #include "merocore.h"
+#include "merosdk.h"
 
 namespace {
 
@@ -82,6 +83,43 @@ TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
       EXPECT_EQ(MLIBCErrGet(), c.wantError);
     }
   }
+}
+
+TEST_F(IdentityTest, LoginNamesConvertToAccountNames) {
+  struct Case {
+    const char* name;
+    int size;
+    int want;
+    const char* wantName;
+  };
+  const Case cases[] = {
+      {"bob", 64, 3, "bob"},
+      {"BoB", 64, 3, "bob"},
+      {"Carol", 64, 5, "Carol"},  // the name as given wins over lower case
+      {"DOM\\dave", 64, 8, "DOM\\dave"},
+      {"Erin@Example.COM", 64, 16, "erin@example.com"},
+      {"nosuchuser", 64, 0, ""},
+      {"bob", 4, 3, "bob"},
+      {"bob", 3, -1, ""},  // no room for the terminating NUL
+      {"", 64, -1, ""},
+      {"a/b", 64, -1, ""},
+      {".", 64, -1, ""},
+      {"..", 64, -1, ""},
+      {"bo\tb", 64, -1, ""},
+      {"bob\x7f", 64, -1, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + " in " + std::to_string(c.size));
+    char buf[64];
+    std::memset(buf, 'x', sizeof buf);
+    EXPECT_EQ(MEROUserLoginNameConvert(c.name, buf, c.size), c.want);
+    EXPECT_STREQ(buf, c.wantName);
+  }
+  char buf[8] = "x";
+  EXPECT_EQ(MEROUserLoginNameConvert(nullptr, buf, sizeof buf), -1);
+  EXPECT_STREQ(buf, "");
+  EXPECT_EQ(MEROUserLoginNameConvert("bob", nullptr, 8), -1);
+  EXPECT_EQ(MEROUserLoginNameConvert("bob", buf, 0), -1);
 }
 
 }  // namespace
