@@ -1,5 +1,6 @@
 /* CGI platform library (libmerocgi): the CGI state of one request, its
- * parameter line, form decoding, cookies and UI language.
+ * parameter line, form decoding, cookies, UI language, sessions and the
+ * identity of a session's user.
  *
  * One process serves one request (CGI), on one thread. The request is read
  * from the CGI environment (REQUEST_METHOD, QUERY_STRING, CONTENT_LENGTH,
@@ -372,6 +373,37 @@ MERO_EXPORT int MeroCgiSessionRevoke(const char* id, const char* refPrefix, cons
  * that does not decode. Returns the number removed, or
  * MERO_SESSION_STORE_ERROR. */
 MERO_EXPORT int MeroCgiSessionPurge(int idleMinutes);
+
+/* ---- identity of a session's user ---------------------------------------- */
+
+/* The uid (MeroCgiUIDGet) or primary gid (MeroCgiGIDGet) of account `user`
+ * (getpwnam), given only while `sid` names a live session of that user: a
+ * session in the store, in any registry, that is active (not ended by
+ * another login), within its lifetime, and whose user is exactly `user`
+ * (byte for byte). Idle time and client address are left to
+ * MeroCgiIsAuthorizedEx, which checks the request before it asks for ids.
+ * The store is opened read-only and closed again; nothing is written.
+ *   >= 0  the id.
+ *   -1    a null argument, no session store, no such session (or revoked),
+ *         another user's session, one ended or past its lifetime, no such
+ *         account, an id above INT_MAX, or a store or account database that
+ *         could not be read (logged). */
+MERO_EXPORT int MeroCgiUIDGet(const char* sid, const char* user);
+MERO_EXPORT int MeroCgiGIDGet(const char* sid, const char* user);
+
+/* Switch the process to the ids MeroCgiGIDGet / MeroCgiUIDGet give: the
+ * real, effective and saved group id (setresgid(g, g, g)), respectively user
+ * id (setresuid(u, u, u)), all three at once. That is permanent: after
+ * MeroCgiUidSet to a non-root user the process can never become root again,
+ * nor change its group, so call MeroCgiGidSet first. Supplementary groups
+ * are left as they are: a process leaving root sets them itself (initgroups)
+ * before MeroCgiUidSet, or it keeps root's. Needs CAP_SETGID / CAP_SETUID
+ * unless the id is already one of the process's own.
+ *   0   switched.
+ *   -1  nothing changed: no id was given (errno ENOENT), or the call failed
+ *       (its errno, EPERM without the privilege). */
+MERO_EXPORT int MeroCgiGidSet(const char* sid, const char* user);
+MERO_EXPORT int MeroCgiUidSet(const char* sid, const char* user);
 
 MERO_EXTERN_C_END
 

@@ -54,6 +54,23 @@ class IdentityTest : public webapi_test::ApplianceRootTest {
   }
 };
 
+// Runs `steps` in a forked child, so the ids it changes stay there. The
+// child's exit status: 0, or the number of the step that failed.
+int InChild(const std::function<int()>& steps) {
+  const pid_t pid = ::fork();
+  if (pid == 0) ::_exit(steps());
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool HasIds(uid_t uid, gid_t gid) {
+  uid_t ruid, euid, suid;
+  gid_t rgid, egid, sgid;
+  return ::getresuid(&ruid, &euid, &suid) == 0 && ::getresgid(&rgid, &egid, &sgid) == 0 &&
+         ruid == uid && euid == uid && suid == uid && rgid == gid && egid == gid && sgid == gid;
+}
+
 TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
   struct Case {
     const char* settings;  // null: no settings file
@@ -120,6 +137,67 @@ TEST_F(IdentityTest, LoginNamesConvertToAccountNames) {
   EXPECT_STREQ(buf, "");
   EXPECT_EQ(MEROUserLoginNameConvert("bob", nullptr, 8), -1);
   EXPECT_EQ(MEROUserLoginNameConvert("bob", buf, 0), -1);
+}
+
+TEST_F(IdentityTest, IdsAreGivenForALiveSessionOfThatUserOnly) {
+  const std::string unknown(MERO_CGI_SESSION_ID_CHARS, 'A');
+  EXPECT_EQ(MeroCgiUIDGet(unknown.c_str(), "alice"), -1);  // no store yet
+
+  const std::string alice = CreateSession("test", "alice");
+  const std::string dave = CreateSession("other", "DOM\\dave");
+  const std::string bob = CreateSession("test", "bob");
+  const std::string ghost = CreateSession("test", "ghost");  // no such account
+  const std::string revoked = CreateSession("test", "alice");
+  ASSERT_EQ(MeroCgiSessionRevoke(revoked.c_str(), nullptr, nullptr), 1);
+  const std::string ended = CreateSession("test", "frank");
+  const std::string frank = CreateSession("test", "frank", 1);
+  struct Case {
+    const char* label;
+    const char* sid;
+    const char* user;
+    int wantUid;
+    int wantGid;
+  };
+  const Case cases[] = {
+      {"own session", alice.c_str(), "alice", 1001, 1001},
+      {"another registry", dave.c_str(), "DOM\\dave", 1003, 2000},
+      {"after ending others", frank.c_str(), "frank", 1006, 1006},
+      {"another user's session", bob.c_str(), "alice", -1, -1},
+      {"user in another case", alice.c_str(), "Alice", -1, -1},
+      {"unknown session", unknown.c_str(), "alice", -1, -1},
+      {"not an id", "abc", "alice", -1, -1},
+      {"no such account", ghost.c_str(), "ghost", -1, -1},
+      {"revoked", revoked.c_str(), "alice", -1, -1},
+      {"ended by another login", ended.c_str(), "frank", -1, -1},
+      {"null sid", nullptr, "alice", -1, -1},
+      {"null user", alice.c_str(), nullptr, -1, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    EXPECT_EQ(MeroCgiUIDGet(c.sid, c.user), c.wantUid);
+    EXPECT_EQ(MeroCgiGIDGet(c.sid, c.user), c.wantGid);
+  }
+}
+
+TEST_F(IdentityTest, SwitchingSetsAllThreeIdsForGood) {
+  if (::geteuid() != 0) GTEST_SKIP() << "switching ids needs root";
+  const std::string dave = CreateSession("test", "DOM\\dave");
+  const std::string bob = CreateSession("test", "bob");
+  EXPECT_EQ(InChild([&] {
+              if (MeroCgiGidSet(dave.c_str(), "DOM\\dave") != 0) return 1;
+              if (MeroCgiUidSet(dave.c_str(), "DOM\\dave") != 0) return 2;
+              if (!HasIds(1003, 2000)) return 3;
+              if (::setresuid(0, 0, 0) == 0) return 4;  // no way back to root
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(InChild([&] {
+              if (MeroCgiGidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 1;
+              if (MeroCgiUidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 2;
+              if (!HasIds(0, ::getgid())) return 3;
+              return 0;
+            }),
+            0);
 }
 
 }  // namespace

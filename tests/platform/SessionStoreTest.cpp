@@ -16,15 +16,17 @@ namespace {
 class SessionStoreTest : public webapi_test::ApplianceRootTest {
  protected:
   // A session stored directly, with the times given; returns its id.
-  std::string Store(int64_t lastSeen, int64_t created) {
+  std::string Store(int64_t lastSeen, int64_t created, const std::string& user = "alice",
+                    int64_t lifetime = 0) {
     const std::string sid = merocgi::NewSessionId();
     merocgi::SessionRow row;
     row.idHash = merocgi::SessionIdHash(sid);
     row.registry = "test.current.users";
-    row.user = "alice";
+    row.user = user;
     row.client = "127.0.0.1";
     row.created = created;
     row.lastSeen = lastSeen;
+    row.lifetime = lifetime;
     row.csrf = "token";
     merocgi::SessionDb db;  // closed again before the platform opens the store
     EXPECT_EQ(db.Open(merocgi::SessionDb::Access::kWriter), merocgi::SessionDb::OpenResult::kOpened);
@@ -94,6 +96,14 @@ TEST_F(SessionStoreTest, ARecordThatDoesNotDecodeHidesNothingAndIsPurged) {
   EXPECT_EQ(Check(good, 30), MERO_SESSION_AUTHORIZED);
   EXPECT_EQ(MeroCgiSessionPurge(0), 1);  // the bad record, not the good session
   EXPECT_EQ(Check(good, 30), MERO_SESSION_AUTHORIZED);
+}
+
+// Ids of a session's user: "root" is an account on every system.
+TEST_F(SessionStoreTest, IdsAreGivenWithinTheLifetimeWhateverTheIdleTime) {
+  const int64_t now = time(nullptr);
+  EXPECT_EQ(MeroCgiUIDGet(Store(now - 100, now - 100, "root", 200).c_str(), "root"), 0);
+  EXPECT_EQ(MeroCgiGIDGet(Store(now - 100, now - 100, "root", 50).c_str(), "root"), -1);
+  EXPECT_EQ(MeroCgiUIDGet(Store(now - 864000, now - 864000, "root").c_str(), "root"), 0);
 }
 
 TEST_F(SessionStoreTest, ListCallbacksMayRevoke) {

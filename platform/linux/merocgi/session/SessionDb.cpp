@@ -222,7 +222,7 @@ int SessionDb::BeginRead(MDB_txn** txn) {
   return status;
 }
 
-int SessionDb::Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row) {
+int SessionDb::FindById(const Sha256Digest& idHash, SessionRow* row) {
   MDB_txn* txn = nullptr;
   int status = BeginRead(&txn);
   if (status != 0) return Fail("read", status);
@@ -236,7 +236,12 @@ int SessionDb::Find(const Sha256Digest& idHash, const std::string& registry, Ses
     return -1;
   }
   row->idHash = idHash;
-  return row->registry == registry ? 1 : 0;
+  return 1;
+}
+
+int SessionDb::Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row) {
+  const int found = FindById(idHash, row);
+  return found == 1 && row->registry != registry ? 0 : found;
 }
 
 int SessionDb::InWriteTransaction(const std::function<int(MDB_txn*)>& work) {

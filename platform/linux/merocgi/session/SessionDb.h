@@ -55,7 +55,9 @@ class SessionDb {
   // reader slots of processes that died. kFailed is logged.
   OpenResult Open(Access access);
 
-  // 1 found (row filled), 0 not found, -1 failed (logged).
+  // 1 found (row filled), 0 not found, -1 failed (logged). FindById finds
+  // the session in any registry; Find only in `registry`.
+  int FindById(const Sha256Digest& idHash, SessionRow* row);
   int Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row);
   // Writes a new last-seen time (the store must be open for writing);
   // false when it failed (logged).
