@@ -405,6 +405,26 @@ MERO_EXPORT int MeroCgiGIDGet(const char* sid, const char* user);
 MERO_EXPORT int MeroCgiGidSet(const char* sid, const char* user);
 MERO_EXPORT int MeroCgiUidSet(const char* sid, const char* user);
 
+/* Whether account `user` may write to its home directory, where a share
+ * login puts the user's files. The account is found with getpwnam; its home
+ * directory must exist as a directory (stat follows symbolic links); then,
+ * as the kernel decides from the mode bits: uid 0 always may; otherwise the
+ * owner's bits count when the account owns the directory, else the group's
+ * when one of its groups (primary, or supplementary from getgrouplist) is
+ * the directory's, else the others'; the class that counts must grant both
+ * write and search (x). Access control lists are not consulted.
+ *   0   writable by the account.
+ *   -1  a null user, no such account, or an account database that could not
+ *       be read (logged).
+ *   -2  no home directory: missing, not a directory, or not reachable.
+ *   -3  not writable by the account.
+ * Domain accounts (MeroCgiDomValidShareWrite) and directory accounts
+ * (MeroCgiLDAPValidShareWrite) are both accounts NSS resolves, so both run
+ * the same check. `out`, the login's output text, is not used on this
+ * platform (it may be null). Reads only; any user may call it. */
+MERO_EXPORT int MeroCgiDomValidShareWrite(const char* user, const char* out);
+MERO_EXPORT int MeroCgiLDAPValidShareWrite(const char* user, const char* out);
+
 MERO_EXTERN_C_END
 
 #endif /* MEROCGI_H */

@@ -200,4 +200,43 @@ TEST_F(IdentityTest, SwitchingSetsAllThreeIdsForGood) {
             0);
 }
 
+TEST_F(IdentityTest, ShareWriteNeedsAHomeTheAccountMayWrite) {
+  if (::geteuid() != 0) GTEST_SKIP() << "giving homes to test accounts needs root";
+  MakeHome("alice", 1001, 1001, 0700);
+  MakeHome("dave", 1003, 0, 0577);  // group and others may write, its owner may not
+  MakeHome("erin", 0, 3000, 0770);  // operators, its 42nd group
+  MakeHome("root", 1002, 1002, 0500);
+  std::ofstream(std::string(IDENTITY_HOMES) + "/carol") << "a file, not a directory";
+  struct Case {
+    const char* user;
+    int want;
+  };
+  const Case users[] = {
+      {"alice", 0},  {"bob", -2}, {"DOM\\dave", -3},  {"erin@example.com", 0},
+      {"Carol", -2}, {"root", 0}, {"nosuchuser", -1}, {nullptr, -1},
+  };
+  for (const Case& c : users) {
+    SCOPED_TRACE(c.user ? c.user : "null");
+    EXPECT_EQ(MeroCgiDomValidShareWrite(c.user, "login output"), c.want);
+    EXPECT_EQ(MeroCgiLDAPValidShareWrite(c.user, nullptr), c.want);
+  }
+
+  struct Mode {
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    int want;
+  };
+  const Mode modes[] = {
+      {1006, 1006, 0300, 0}, {1006, 1006, 0600, -3},  // the owner needs search too
+      {0, 1006, 0070, 0},    {0, 1006, 0060, -3},    {0, 2000, 0070, -3},  // not its group
+      {0, 0, 0007, 0},       {0, 0, 0776, -3},
+  };
+  for (const Mode& m : modes) {
+    SCOPED_TRACE(::testing::Message() << m.uid << ":" << m.gid << " mode " << std::oct << m.mode);
+    MakeHome("frank", m.uid, m.gid, m.mode);
+    EXPECT_EQ(MeroCgiDomValidShareWrite("frank", nullptr), m.want);
+  }
+}
+
 }  // namespace
