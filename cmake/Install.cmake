@@ -5,7 +5,7 @@ include(CMakePackageConfigHelpers)
 
 set(webapi_install_targets webapi)
 if(WEBAPI_SPLIT_PLATFORM)
-  list(APPEND webapi_install_targets merocore merocgi merosdk zel)
+  list(APPEND webapi_install_targets merocore merocgi merosdk mero_pam_login zel)
 endif()
 
 install(TARGETS ${webapi_install_targets}
@@ -16,6 +16,7 @@ install(TARGETS ${webapi_install_targets}
 install(FILES
   include/webapi/Export.h
   include/webapi/JsonValue.h
+  include/webapi/RunAsGuard.h
   include/webapi/WebAPI.h
   include/webapi/WebAPIUtil.h
   include/webapi/WebCGI.h
@@ -25,6 +26,7 @@ install(FILES
   platform/include/merocgi.h
   platform/include/merocore.h
   platform/include/merosdk.h
+  platform/include/mero_pam_login.h
   platform/include/zel.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero)
 
@@ -53,15 +55,17 @@ function(webapi_pkgconfig name description requires libname)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 if(WEBAPI_SPLIT_PLATFORM)
-  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk zel" webapi)
+  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk mero-pam-login zel" webapi)
   webapi_pkgconfig(merocore "Core platform library: string lists and hashes, settings, locks" "" merocore)
-  webapi_pkgconfig(merocgi "CGI platform library: request state, parameters, cookies, response" "merocore" merocgi)
+  webapi_pkgconfig(merocgi "CGI platform library: request state, parameters, cookies, response" "merocore mero-pam-login" merocgi)
   webapi_pkgconfig(merosdk "SDK platform library: accounts behind login names" "" merosdk)
+  webapi_pkgconfig(mero-pam-login "PAM login platform library: password checks, PAM configuration" "merocore" mero-pam-login)
   webapi_pkgconfig(zel "Security headers platform library" "jsoncpp" zel)
 else()
   webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp" webapi)
   webapi_pkgconfig(merocore "Core platform library (inside libwebapi)" "" webapi)
   webapi_pkgconfig(merocgi "CGI platform library (inside libwebapi)" "merocore" webapi)
   webapi_pkgconfig(merosdk "SDK platform library (inside libwebapi)" "" webapi)
+  webapi_pkgconfig(mero-pam-login "PAM login platform library (inside libwebapi)" "merocore" webapi)
   webapi_pkgconfig(zel "Security headers platform library (inside libwebapi)" "jsoncpp" webapi)
 endif()

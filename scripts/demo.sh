@@ -1,7 +1,7 @@
 #!/bin/bash
 # The main job: builds the library and its example CGI programs, lays out a
-# demo appliance under build-release/demo/ (never outside it), creates a demo
-# session, and serves the example API through lighttpd on
+# demo appliance under build-release/demo/ (never outside it) with a demo
+# user who logs in through PAM, and serves the example API through lighttpd on
 # http://127.0.0.1:PORT/ in the foreground until Ctrl-C.
 #   DEMO_PORT  the port (default 8080)
 set -euo pipefail
@@ -15,29 +15,34 @@ if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
 fi
 
 cmake --preset release >/dev/null
-cmake --build --preset release --target sysinfo settings maintenance webapi-session
+cmake --build --preset release --target sysinfo settings maintenance auth webapi-session
 work=$PWD/build-release/demo
 bash examples/deploy/layout.sh build-release "$work" "$port"
 lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on every PATH
 "$lighttpd" -tt -f "$work/lighttpd.conf" >/dev/null
 
-sid=$(cat "$work/session")
+password=$(cat "$work/demo-password")
 base="http://127.0.0.1:$port/api"
+jar=$work/cookies.txt
 cat <<TEXT
 
 Serving the example API on http://127.0.0.1:$port/ (Ctrl-C stops it).
-The demo user's session is $sid
-Try, in another terminal:
+Demo user: demo   password: $password   (PAM service: $work/root/etc/pam.d/webui)
+Try, in another terminal (the cookie jar keeps the session):
 
-  curl -s -b 'id=$sid' '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'
-  curl -s -b 'id=$sid' '$base/settings?api=Demo.Settings&method=get&version=1'
-  curl -s -b 'id=$sid' -d 'api=Demo.Settings&method=set&version=1&theme=dark&refresh_seconds=60' '$base/settings'
-  curl -s -b 'id=$sid' -d 'api=Demo.Settings&method=set&version=1&theme=blue' '$base/settings'
-  curl -s -b 'id=$sid' -H 'Content-Type: application/json' -d '{"title":"Lab NAS"}' '$base/settings?api=Demo.Settings&method=set&version=1'
-  curl -s -b 'id=$sid' -OJ '$base/settings?api=Demo.Settings&method=export&version=1'
-  curl -s -b 'id=$sid' '$base/maintenance?api=Demo.Maintenance&method=status&version=1'    # 105: demo lacks "admin"
-  curl -s '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'                         # 105: no session
-  curl -s '$base/sysinfo?api=Demo.SystemInfo&method=get&version=9'                         # 104: no such version
+  # log in: the answer holds the session's CSRF token, the jar its cookie
+  token=\$(curl -s -c $jar -d 'api=Demo.Auth&method=login&version=1&user=demo&password=$password' '$base/auth' | sed -n 's/.*"token":"\([^"]*\)".*/\1/p'); echo \$token
+  curl -s -b $jar '$base/auth?api=Demo.Auth&method=whoami&version=1'
+  curl -s -b $jar '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'
+  curl -s -b $jar '$base/settings?api=Demo.Settings&method=get&version=1'
+  curl -s -b $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Settings&method=set&version=1&theme=dark&refresh_seconds=60' '$base/settings'
+  curl -s -b $jar -d 'api=Demo.Settings&method=set&version=1&theme=dark' '$base/settings'      # 105: no CSRF token
+  curl -s -b $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Settings&method=set&version=1&theme=blue' '$base/settings'
+  curl -s -b $jar -OJ '$base/settings?api=Demo.Settings&method=export&version=1'
+  curl -s -b $jar '$base/maintenance?api=Demo.Maintenance&method=status&version=1'    # 105: demo is no administrator
+  curl -s -b $jar -c $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Auth&method=logout&version=1' '$base/auth'
+  curl -s -b $jar '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'             # 105: logged out
+  curl -s -d 'api=Demo.Auth&method=login&version=1&user=demo&password=wrong' '$base/auth'   # 401; 429 after 5 tries
 
 Sessions: build-release/tools/webapi-session --root $work/root list
 Logs:     $work/logs/

@@ -4,8 +4,11 @@
 #                 store, the settings directory
 #   WORK/cgi/     the example programs, answering at /api/<name>
 #   WORK/lighttpd.conf, WORK/logs/, WORK/www/
-#   WORK/session        a session of user "demo" from 127.0.0.1
-#   WORK/admin-session  a session of user "root" holding the "admin" privilege
+#   WORK/root/etc/pam.d/webui   the PAM service logins use: a password file
+#                               of crypt hashes (pam_pwdfile), every account
+#                               permitted
+#   WORK/root/etc/webapi-demo.passwd   that file: user "demo"
+#   WORK/demo-password  the demo user's password (kept across layouts)
 # usage: layout.sh BUILD_DIR WORK_DIR PORT
 set -euo pipefail
 umask 077  # the session files below log anyone in who can read them
@@ -19,7 +22,7 @@ rm -rf "$work/root" "$work/cgi"
 mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
-for program in sysinfo settings maintenance; do
+for program in sysinfo settings maintenance auth; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
 printf '<!doctype html><title>libwebapi demo</title><p>The API is under /api/.</p>\n' \
@@ -32,7 +35,12 @@ sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
 chmod go+rx "$work" "$work/cgi" "$work/www"
 chmod go+r "$work/www/index.html" "$work/lighttpd.conf"
 
-session_tool=("$build/tools/webapi-session" --root "$work/root")
-"${session_tool[@]}" create --user demo --client 127.0.0.1 --registry demo >"$work/session"
-"${session_tool[@]}" create --user root --client 127.0.0.1 --registry demoadmin --privilege admin \
-  >"$work/admin-session"
+[ -s "$work/demo-password" ] || openssl rand -base64 12 | tr -d '/+=\n' >"$work/demo-password"
+printf 'demo:%s\n' "$(openssl passwd -6 -stdin <"$work/demo-password")" >"$work/root/etc/webapi-demo.passwd"
+mkdir -p "$work/root/etc/pam.d"
+# nodelay: failed logins are slowed down by the login throttling, not by a
+# PAM delay that holds a CGI process for seconds.
+cat >"$work/root/etc/pam.d/webui" <<PAM
+auth    required pam_pwdfile.so pwdfile=$work/root/etc/webapi-demo.passwd nodelay
+account required pam_permit.so
+PAM

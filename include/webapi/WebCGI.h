@@ -22,9 +22,14 @@
 
 #include "webapi/Export.h"
 
+// The login parameters and result of the CGI platform (merocgi.h).
+struct _tag_login_params;
+typedef int CGI_LOGIN_RESULT;
+
 namespace MERO {
 
 class WebCGIPrivate;
+class PamConf;
 
 class WEBAPI_EXPORT WebCGI {
  public:
@@ -84,6 +89,84 @@ class WEBAPI_EXPORT WebCGI {
   std::string GetDevicePkey();
   // Always "".
   std::string GetDeviceId();
+
+  // ---- user access policy ----
+  // Whether the logged-in user is in the administrators' group (merocore.h,
+  // MLIBGroupIsAdminGroupMem). A failed group test is logged
+  // ("MLIBGroupIsAdminGroupMem(<user>) failed. [0x<code> <file>:<line>]")
+  // and answers false.
+  bool IsAdmin() const;
+  // Installs the user categories a login may admit: words "admin", "local",
+  // "domain", "admin.domain", "ldap", "admin.ldap". An empty list changes
+  // nothing. Otherwise the login flags become the categories' bits (1
+  // admin, 2 local, 4 domain, 8 ldap; the words tested ignoring case, and
+  // "domain"/"ldap" bring their administrators along: bits 5 and 9, the
+  // words "admin.domain"/"admin.ldap" appended). The session configuration
+  // calls it with the auth file's "allow_user" array.
+  void LoadAllowUsers(Json::Value& list);
+
+  // ---- login and logout ----
+  // Login results (CGI_LOGIN_RESULT): 1 logged in (a new session, its "id"
+  // cookie recorded; GetLoginUserName() names the user and GetSessionID()
+  // the new session); -3 the user's category is not among those allowed
+  // (the session the platform created is left alone: end it with Logout(),
+  // as the example login API does); any other value is the platform's,
+  // passed through (merocgi.h, MERO_LOGIN_*: -1 wrong password, -8
+  // throttled, ...). `out` (outSize bytes) receives the platform's output:
+  // the session's CSRF token on success, the seconds to wait when throttled.
+  // Domain users ("DOM\\user") and directory users ("user@host") have their
+  // share write access validated as root after a successful login; a
+  // failure there is logged and does not fail the login.
+
+  // Logs in with a password through PAM service "webui" (single sign-on
+  // when `sso` is set, which this platform answers as not configured).
+  int Login(const char* user, const char* password, char* out, unsigned int outSize,
+            bool sso = false, const char* loginArg = nullptr, bool ssoFlag = false);
+  // Logs in without a password check, for programs that checked it
+  // themselves.
+  int LoginNoAuth(const char* user, char* out, unsigned int outSize);
+  // Logs in through the PAM service and directory of `conf`; its user is
+  // first converted with GetRealUsername (at most 492 characters kept) and
+  // written back into `conf`.
+  int Login(MERO::PamConf& conf, char* out, unsigned int outSize, bool pamFlag);
+  // Ends the request's session: the `_sid` parameter when present (even
+  // empty), else the "id" cookie; false without either, or when the
+  // platform did not end a session (merocgi.h, MeroCgiLogoutEx). The "id"
+  // cookie is cleared in the response either way once an identifier exists.
+  bool Logout();
+  // Sets the duration flag of `params` from the session time-out: 10080
+  // (the default) sets it to 1; -1 or a positive time-out is given to the
+  // platform as the new session's lifetime (option 10); anything else sets
+  // the flag to 0.
+  void SetDuration(_tag_login_params& params);
+  // The library's part after a platform login: with `result` 1, records
+  // the user, validates a domain or directory user's share write access as
+  // root, and turns the result into -3 when the user's category is not
+  // allowed. Other results are left alone.
+  void CheckLogin(CGI_LOGIN_RESULT& result, _tag_login_params& params, const char* out);
+  // A free-form login state text for the rest of the request (option 13);
+  // "" until set, or the session's state ("1") after a check or login.
+  void SetLoginState(const std::string& state);
+  std::string GetLoginState();
+
+  // ---- running as the logged-in user ----
+  // Switches the effective ids to those of the session's user (supplementary
+  // groups with initgroups, then the group, then the user; an administrator
+  // keeps the effective user root, with the administrator's group). Real and
+  // saved ids stay, so the process can switch back. 0 on success; -1 with a
+  // log line without a session id or when an id cannot be found or set.
+  int setEUGID();
+  // The same through the platform's permanent switch (real, effective and
+  // saved ids; merocgi.h, MeroCgiGidSet/MeroCgiUidSet): there is no way
+  // back to root afterwards.
+  int setUGID();
+  // The effective group (user) id of session `sid`'s user `user`; 0 or -1.
+  static int SetEGid(const char* sid, const char* user);
+  static int SetEUid(const char* sid, const char* user);
+  // The account name a login name stands for (merosdk.h,
+  // MEROUserLoginNameConvert, asked as root), or `name` itself when there
+  // is none; "" and "guest" are returned as they are.
+  std::string GetRealUsername(const std::string& name);
 
   // ---- parameters and cookies ----
   // Loads the request's parameters once.

@@ -44,7 +44,9 @@ MERO_EXTERN_C_BEGIN
  *   word  5  paramTable      request parameters; null until the first store
  *   word  6  headerTable     response headers to send
  *   word  7  registry        current-users registry name (owned copy)
- *   word  8  extra           extra session text (owned copy)
+ *   word  8  extra           extra session text (owned copy): blank-separated
+ *                            words; "csrf" turns the CSRF rule of
+ *                            MeroCgiIsAuthorizedEx on
  *   word  9  headerPrinted   1 once the header block was printed
  *   word 10  session         the session found by the last successful
  *                            MeroCgiIsAuthorizedEx (owned; its options)
@@ -270,6 +272,8 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
  * when that is shorter, so a session in use never idles out). */
 #define MERO_CGI_SESSION_TOUCH_SECONDS 60
 #define MERO_CGI_SESSION_ID_CHARS 43
+/* A session's CSRF token: 192 random bits as URL-safe base64. */
+#define MERO_CGI_CSRF_TOKEN_CHARS 32
 
 /* Results of MeroCgiIsAuthorizedEx and the session operations below. -5 is
  * left to the library ("the request carries no session identifier"). */
@@ -280,6 +284,8 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
 #define MERO_SESSION_NO_PRIVILEGE (-4) /* the session lacks the required privilege */
 #define MERO_SESSION_STORE_ERROR (-6)  /* the store could not be read or written (logged) */
 #define MERO_SESSION_INVALID (-7)      /* a null or unusable argument */
+#define MERO_SESSION_CSRF_REFUSED (-8) /* a state-changing request without the session's CSRF
+                                          token or the server's own Origin (see below) */
 
 /* The options record of MeroCgiIsAuthorizedEx: two words that the library
  * passes as 31 and 0. Neither changes the check on this platform. */
@@ -300,6 +306,13 @@ typedef struct _tag_MEROCGI_AUTH_OPTIONS {
  *   skipCheckIP)                      else MERO_SESSION_ENDED
  *   holding `privilege` (null or "": none needed)
  *                                     else MERO_SESSION_NO_PRIVILEGE
+ *   with the word "csrf" in the state's extra text, a request whose
+ *   REQUEST_METHOD is anything but GET or HEAD must carry the session's
+ *   CSRF token in the header X-Mero-Token (HTTP_X_MERO_TOKEN), or an Origin
+ *   header naming this server (HTTP_ORIGIN equal to "http[s]://" HTTP_HOST,
+ *   letter case ignored, a default port optional on either side; https
+ *   as MeroRequestIsHttps says)
+ *                                     else MERO_SESSION_CSRF_REFUSED
  * and returns MERO_SESSION_AUTHORIZED, the last use becoming now (written at
  * most every MERO_CGI_SESSION_TOUCH_SECONDS). Whenever the session was
  * found, whatever the result, its user name is written into `user` (cut to
@@ -425,6 +438,141 @@ MERO_EXPORT int MeroCgiUidSet(const char* sid, const char* user);
 MERO_EXPORT int MeroCgiDomValidShareWrite(const char* user, const char* out);
 MERO_EXPORT int MeroCgiLDAPValidShareWrite(const char* user, const char* out);
 
+/* ---- login and logout ----------------------------------------------------- */
+
+/* The login parameters: five words, in this order. */
+typedef struct _tag_login_params {
+  const char* user;     /* the login name */
+  const char* password; /* the password ("" for MeroCgiLoginNoAuth) */
+  const char* service;  /* the PAM service; null or "": MERO_PAM_DEFAULT_SERVICE */
+  unsigned int flags;   /* user categories admitted (bits below), and
+                           MERO_LOGIN_FLAG_NO_ERROR_LOG */
+  int duration;         /* 1: the session gets the default lifetime (it gets
+                           it anyway unless option 10 says otherwise) */
+} LOGIN_PARAMS;
+typedef int CGI_LOGIN_RESULT;
+
+/* Category bits of LOGIN_PARAMS.flags. A user's category: a name with a
+ * '\\' is a domain user, else one with '@' a directory user, else a local
+ * user; members of the administrators' group (MLIBGroupIsAdminGroupMem)
+ * are administrators. Admitted are: a local administrator with bit 1, any
+ * other local user with bit 2, any domain user with bit 4, any directory
+ * user with bit 8. */
+#define MERO_LOGIN_FLAG_ADMIN 1
+#define MERO_LOGIN_FLAG_LOCAL 2
+#define MERO_LOGIN_FLAG_DOMAIN 4
+#define MERO_LOGIN_FLAG_LDAP 8
+/* Silences the login layer's error lines (not its audit lines). */
+#define MERO_LOGIN_FLAG_NO_ERROR_LOG 16
+
+/* Login results. Apart from MERO_LOGIN_SUCCESS, `out` holds "" except for
+ * MERO_LOGIN_THROTTLED. */
+#define MERO_LOGIN_SUCCESS 1
+#define MERO_LOGIN_FAILED (-1)             /* wrong user name or password */
+#define MERO_LOGIN_ACCOUNT_REFUSED (-2)    /* the password was right, but the account may not log
+                                              in now (locked, expired, new password needed) */
+#define MERO_LOGIN_CATEGORY_REFUSED (-3)   /* the user's category is not admitted by the flags */
+#define MERO_LOGIN_STORE_ERROR (-6)        /* the session or throttling store failed (logged) */
+#define MERO_LOGIN_INVALID (-7)            /* null or unusable argument: no user, no REMOTE_ADDR,
+                                              a control byte in the user name, outSize < 1 */
+#define MERO_LOGIN_THROTTLED (-8)          /* too many failed logins lately, for this user name or
+                                              from this address: nothing was checked; `out`
+                                              holds the seconds to wait, in decimal */
+#define MERO_LOGIN_SSO_NOT_CONFIGURED (-9) /* single sign-on is not configured on this server */
+#define MERO_LOGIN_UNAVAILABLE (-10)       /* PAM could not be loaded or the service could not
+                                              be started (logged): the operator's to fix */
+
+/* Throttling of failed logins, kept across processes in its own store
+ * MERO_CGI_LOGIN_THROTTLE_DB beside the sessions. Every password attempt
+ * counts against its user name (letter case ignored) and its client
+ * address before the password is checked, in one write transaction, so
+ * concurrent attempts cannot slip past the count; a successful login takes
+ * its attempt back (the user name's count is cleared, the address's count
+ * lowered by one). A count is forgotten once its last attempt is
+ * MERO_CGI_LOGIN_THROTTLE_WINDOW seconds old. When a count reaches its
+ * limit, that user name or address is locked for
+ * MERO_CGI_LOGIN_THROTTLE_LOCK seconds, doubling with every further
+ * attempt counted (up to MERO_CGI_LOGIN_THROTTLE_MAX_LOCK); while locked,
+ * a login is answered MERO_LOGIN_THROTTLED without asking PAM, so a correct
+ * password does not log in either, and the refused attempt does not count. */
+#define MERO_CGI_LOGIN_THROTTLE_DB "/var/lib/merocgi/login-throttle.mdb"
+#define MERO_CGI_LOGIN_THROTTLE_USER_LIMIT 5
+#define MERO_CGI_LOGIN_THROTTLE_CLIENT_LIMIT 20
+#define MERO_CGI_LOGIN_THROTTLE_WINDOW 300
+#define MERO_CGI_LOGIN_THROTTLE_LOCK 60
+#define MERO_CGI_LOGIN_THROTTLE_MAX_LOCK 900
+
+/* Audit: every login attempt and logout writes one line to syslog with
+ * facility LOG_AUTH (LOG_NOTICE for a success, LOG_WARNING otherwise),
+ * never a password or a session identifier; user names are cut to 64 bytes
+ * and control bytes in them written as \xHH:
+ *   "login: user=%s client=%s result=success"
+ *   "login: user=%s client=%s result=failure reason=%s"   reason: password,
+ *        account, category, unavailable, store, invalid, sso-not-configured
+ *   "login: user=%s client=%s result=throttled retry_after=%d"
+ *   "logout: user=%s client=%s result=success|unknown" */
+
+/* Logs `params->user` in with its password, in this order: throttling (see
+ * above); PAM (mero_pam_login.h: service `params->service`, pam_authenticate
+ * then pam_acct_mgmt); the user's category against `params->flags`; then a
+ * new session in the state's registry for the user from REMOTE_ADDR, with a
+ * fresh identifier (one the request carried is never reused) and a new
+ * CSRF token, holding the privilege "admin" when the user is an
+ * administrator. Its lifetime is option 10 when set on the state (> 0:
+ * minutes; -1: no lifetime, the idle limit alone ends it), else one week
+ * (MERO_CGI_DEFAULT_SESSION_TIMEOUT minutes). The cookie "id" is recorded
+ * for the response (MeroCgiSetCookies: HttpOnly, SameSite=Strict, Secure on
+ * https, Path=/) and replaces the request's own "id" cookie on the state, so
+ * the rest of the request (MeroCgiGetInCookies, MeroCgiGetOption) sees the
+ * new session. On success `out` holds the CSRF token (cut to outSize - 1;
+ * MERO_CGI_CSRF_TOKEN_CHARS + 1 bytes hold it whole). `loginArg` is not
+ * used on this platform. Returns one of the MERO_LOGIN_* results. */
+MERO_EXPORT int MeroCgiLoginEx2(MEROCGI_STATE* state, char* out, unsigned int outSize,
+                                LOGIN_PARAMS* params, const char* loginArg);
+
+/* Creates the session as MeroCgiLoginEx2 does, without a password or
+ * throttling: for programs that authenticated the user by other means. */
+MERO_EXPORT int MeroCgiLoginNoAuth(MEROCGI_STATE* state, char* out, unsigned int outSize,
+                                   LOGIN_PARAMS* params);
+
+/* Single sign-on is not configured on this platform yet: returns
+ * MERO_LOGIN_SSO_NOT_CONFIGURED (audited as a failure) for every call, and
+ * MERO_LOGIN_INVALID for a null state or params. */
+MERO_EXPORT int MeroCgiLoginWithOIDCSSOAuth(MEROCGI_STATE* state, char* out, unsigned int outSize,
+                                            LOGIN_PARAMS* params, const char* loginArg,
+                                            int ssoFlag);
+
+/* Ends session `sid`: removes it from the store (a later check answers
+ * MERO_SESSION_UNKNOWN) and records the "id" cookie for deletion
+ * (Max-Age=0). `user` only names the user in the audit line. Returns 1
+ * when the session was removed, 0 when the store held no such session,
+ * MERO_SESSION_STORE_ERROR, or MERO_SESSION_INVALID for a null state or
+ * sid. */
+MERO_EXPORT int MeroCgiLogoutEx(MEROCGI_STATE* state, const char* sid, const char* user);
+
+/* Options a program sets on its state. `value` points to an int for option
+ * 10 (the lifetime of the session a later login creates: minutes > 0, or
+ * -1 for none; other values are refused) and is a text for option 13 (the
+ * login state MeroCgiGetOption(13) answers for the rest of the request;
+ * the stored state of a session changes only by login and logout). Returns
+ * 1 when stored, 0 for a null argument, another option or a refused value. */
+#define MERO_CGI_OPTION_SESSION_LIFETIME 10
+#define MERO_CGI_OPTION_LOGIN_STATE 13
+MERO_EXPORT int MeroCgiSetOption(MEROCGI_STATE* state, int option, const void* value);
+
 MERO_EXTERN_C_END
+
+#ifdef __cplusplus
+namespace MERO {
+class PamConf;
+}
+/* Logs in as MeroCgiLoginEx2 does, with the service, service directory,
+ * user and authentication token of `conf` (params->user and
+ * params->password are expected to hold the same user and token; `conf`
+ * wins). `pamFlag` is not used on this platform. */
+extern "C" MERO_EXPORT int MeroCgiLoginWithPamConf(MEROCGI_STATE* state, char* out,
+                                                   unsigned int outSize, LOGIN_PARAMS* params,
+                                                   int pamFlag, const MERO::PamConf* conf);
+#endif
 
 #endif /* MEROCGI_H */

@@ -49,10 +49,13 @@ int WebCGIPrivate::CheckAuthorized() {
   if (!loginUser.empty()) return first;  // found, but refused: another registry cannot help
   MEROCGI_STATE* state = State();
   const std::string ownRegistry = sessionName;
-  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, kFallbackRegistry, "");
+  const std::string extra = state->extra ? state->extra : "";
+  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, kFallbackRegistry,
+                         extra.c_str());
   const int second = IsAuthorized();
   // The platform folds a bare session name into its registry name.
-  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, ownRegistry.c_str(), "");
+  MeroCgiSetSessionParam(state, state->sessionTimeout, state->skipCheckIP, ownRegistry.c_str(),
+                         extra.c_str());
   return second;
 }
 

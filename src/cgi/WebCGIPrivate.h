@@ -44,6 +44,10 @@ class WebCGIPrivate {
   void SetErrorLog(bool enable);
   bool LoadJSONParam(char* line);
 
+  bool IsAdmin() const;
+  bool CheckAllowUser() const;
+  void LoadAllowUsers(Json::Value& list);
+
   int IsAuthorized();
   int CheckAuthorized();
   std::string GetMeroToken();

@@ -1,7 +1,7 @@
 // Session configuration: the auth file of a session name decides source-IP
 // checking, the session time-out, the privilege a session must hold, the app
-// portals and the user categories allowed; from it the platform CGI state is
-// initialised.
+// portals, the user categories allowed and the CSRF rule; from it the
+// platform CGI state is initialised.
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -81,17 +81,21 @@ void WebCGIPrivate::SetSessionName(const char* requested, bool init) {
       appPortals.append(privilege);
 
     loginFlags = kLoginAllCategories;
-    // TODO: hand an "allow_user" array to LoadAllowUsers once the user access
-    // policy lands. Until then allowUsers stays null, which admits no user to
-    // a login: the safe side.
+    if (auth.isMember("allow_user") && auth["allow_user"].isArray()) LoadAllowUsers(auth["allow_user"]);
+    // The platform's CSRF rule (merocgi.h) travels as a word of the extra
+    // session text.
+    const char* extra =
+        auth.isMember("csrf_protection") && auth["csrf_protection"].isBool() && auth["csrf_protection"].asBool()
+            ? "csrf"
+            : "";
 
     char registry[kPathBufferBytes];
     std::snprintf(registry, sizeof registry, "%s.current.users", name);
     MLIBCStrCaseLower(registry);
     if (init)
-      MeroCgiInitEx(State(), timeout, skipCheckIp, registry, "");
+      MeroCgiInitEx(State(), timeout, skipCheckIp, registry, extra);
     else
-      MeroCgiSetSessionParam(State(), timeout, skipCheckIp, registry, "");
+      MeroCgiSetSessionParam(State(), timeout, skipCheckIp, registry, extra);
     sessionName = name;
   }
   if (init) MeroCgiLoadInCookies(State());

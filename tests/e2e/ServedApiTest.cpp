@@ -72,8 +72,9 @@ class ServedApiTest : public ::testing::Test {
     work_ = templ;
     for (int attempt = 0; attempt < 3 && server_ <= 0; ++attempt) StartServer();
     ASSERT_GT(server_, 0) << "lighttpd did not start; see " << work_ << "/logs";
-    session_ = ReadFile(work_ / "session");
-    adminSession_ = ReadFile(work_ / "admin-session");
+    session_ = SessionOf("--user demo --client 127.0.0.1 --registry demo");
+    adminSession_ = SessionOf("--user root --client 127.0.0.1 --registry demoadmin --privilege admin");
+    password_ = ReadFile(work_ / "demo-password");
   }
 
   static void TearDownTestSuite() {
@@ -163,7 +164,15 @@ class ServedApiTest : public ::testing::Test {
       curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(request.post.size()));
     }
     curl_slist* headers = nullptr;
-    for (const std::string& header : request.headers) headers = curl_slist_append(headers, header.c_str());
+    bool origin = false;
+    for (const std::string& header : request.headers) {
+      headers = curl_slist_append(headers, header.c_str());
+      origin = origin || header.rfind("Origin:", 0) == 0;
+    }
+    // A POST from our own page, as a browser sends it; the CSRF cases name
+    // their own Origin (or an empty one, which curl then leaves out).
+    if (!request.post.empty() && !origin)
+      headers = curl_slist_append(headers, ("Origin: http://127.0.0.1:" + std::to_string(port_)).c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     const CURLcode result = curl_easy_perform(curl);
     EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result) << " for " << url;
@@ -195,13 +204,13 @@ class ServedApiTest : public ::testing::Test {
   static fs::path work_;
   static int port_;
   static pid_t server_;
-  static std::string session_, adminSession_;
+  static std::string session_, adminSession_, password_;
 };
 
 fs::path ServedApiTest::work_;
 int ServedApiTest::port_ = 0;
 pid_t ServedApiTest::server_ = 0;
-std::string ServedApiTest::session_, ServedApiTest::adminSession_;
+std::string ServedApiTest::session_, ServedApiTest::adminSession_, ServedApiTest::password_;
 
 const char kSysinfo[] = "sysinfo?api=Demo.SystemInfo&method=get&version=1";
 
@@ -271,8 +280,9 @@ TEST_F(ServedApiTest, SettingsRoundTripCookieAndDownload) {
   // What the browser keeps: a host-only, HttpOnly session cookie for "/".
   ASSERT_EQ(saved.cookieJar.size(), 1u);
   EXPECT_EQ(saved.cookieJar[0], "#HttpOnly_127.0.0.1\tFALSE\t/\tFALSE\t0\ttheme\tdark");
-  const Answer overHttps = Fetch({"settings", id, "api=Demo.Settings&method=set&version=1",
-                                  {"X-Forwarded-Proto: https"}});
+  const Answer overHttps =
+      Fetch({"settings", id, "api=Demo.Settings&method=set&version=1",
+             {"X-Forwarded-Proto: https", "Origin: https://127.0.0.1:" + std::to_string(port_)}});
   EXPECT_NE(overHttps.headers.find("Set-Cookie: theme=dark; Path=/; Secure; HttpOnly"),
             std::string::npos);
 
@@ -350,3 +360,97 @@ TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
 }
 
 }  // namespace
+
+namespace {
+
+// Adds an account to the demo's PAM password file.
+void AddAccount(const fs::path& work, const std::string& user, const std::string& password) {
+  const std::string command = "printf '%s:%s\\n' " + Quoted(user) + " \"$(printf %s " +
+                              Quoted(password) + " | openssl passwd -6 -stdin)\" >> " +
+                              Quoted((work / "root/etc/webapi-demo.passwd").string());
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+std::string LoginBody(const std::string& user, const std::string& password) {
+  return "api=Demo.Auth&method=login&version=1&user=" + user + "&password=" + password;
+}
+
+std::string CookieValue(const Answer& answer, const std::string& name) {
+  for (const std::string& line : answer.cookieJar) {
+    const size_t tab = line.rfind('\t');
+    const size_t nameTab = line.rfind('\t', tab - 1);
+    if (line.compare(nameTab + 1, tab - nameTab - 1, name) == 0) return line.substr(tab + 1);
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST_F(ServedApiTest, LoginCallThenLogoutRefusesTheOldCookie) {
+  const Answer login = Fetch({"auth", "", LoginBody("demo", password_)});
+  ASSERT_NE(login.body.find(R"("success":true)"), std::string::npos) << login.body;
+  EXPECT_NE(login.headers.find("; Path=/; HttpOnly; SameSite=Strict\r\n"), std::string::npos)
+      << login.headers;
+  const std::string id = CookieValue(login, "id");
+  ASSERT_EQ(id.size(), 43u);
+  const size_t tokenAt = login.body.find(R"("token":")");
+  ASSERT_NE(tokenAt, std::string::npos);
+  const std::string token = login.body.substr(tokenAt + 9, 32);
+  EXPECT_EQ(login.body, R"({"data":{"admin":false,"token":")" + token + R"(","user":"demo"},"success":true})" "\n");
+
+  const std::string cookie = "id=" + id;
+  EXPECT_NE(Fetch({kSysinfo, cookie}).body.find(R"("success":true)"), std::string::npos);
+  // A state-changing request needs the token or our own Origin.
+  const std::string set = "api=Demo.Settings&method=set&version=1&refresh_seconds=45";
+  const struct {
+    std::vector<std::string> headers;
+    bool passes;
+  } csrf[] = {
+      {{"Origin:"}, false},
+      {{"Origin: http://evil.example"}, false},
+      {{"Origin:", "X-Mero-Token: " + std::string(32, 'A')}, false},
+      {{"Origin:", "X-Mero-Token: " + token}, true},
+      {{}, true},  // our own Origin
+  };
+  for (const auto& c : csrf) {
+    const Answer answer = Fetch({"settings", cookie, set, c.headers});
+    if (c.passes)
+      EXPECT_NE(answer.body.find(R"("success":true)"), std::string::npos) << answer.body;
+    else
+      EXPECT_EQ(answer.body, Error(105)) << (c.headers.empty() ? "" : c.headers.back());
+  }
+
+  const Answer logout =
+      Fetch({"auth", cookie, "api=Demo.Auth&method=logout&version=1", {"X-Mero-Token: " + token}});
+  EXPECT_EQ(logout.body, R"({"success":true})" "\n");
+  EXPECT_NE(logout.headers.find("Set-Cookie: id=; Max-Age=0; Path=/"), std::string::npos)
+      << logout.headers;
+  EXPECT_EQ(Fetch({kSysinfo, cookie}).body, Error(105));
+  EXPECT_EQ(Fetch({"auth?api=Demo.Auth&method=whoami&version=1", cookie}).body, Error(105));
+}
+
+TEST_F(ServedApiTest, WrongPasswordsAreThrottledEvenForTheRightOne) {
+  AddAccount(work_, "frank", "right-horse");
+  EXPECT_EQ(Fetch({"auth", "", LoginBody("frank", "wrong")}).body, Error(401));
+  for (int attempt = 2; attempt <= 5; ++attempt)
+    EXPECT_EQ(Fetch({"auth", "", LoginBody("frank", "wrong")}).body, Error(401)) << attempt;
+  // Locked for a minute: the right password is not even checked.
+  const Answer locked = Fetch({"auth", "", LoginBody("FRANK", "right-horse")});
+  EXPECT_EQ(locked.body.rfind(R"({"error":{"code":429,"errors":{"retry_after":)", 0), 0u) << locked.body;
+  const int retryAfter = std::atoi(locked.body.c_str() + locked.body.find("retry_after") + 13);
+  EXPECT_GE(retryAfter, 58);
+  EXPECT_LE(retryAfter, 60);
+  EXPECT_EQ(CookieValue(locked, "id"), "");
+  // Another user from the same address is not locked out.
+  EXPECT_NE(Fetch({"auth", "", LoginBody("demo", password_)}).body.find(R"("success":true)"),
+            std::string::npos);
+}
+
+TEST_F(ServedApiTest, LoginOfAUserCategoryNotAllowedLeavesNoSession) {
+  AddAccount(work_, "DOM\\eve", "domain-pass");
+  const Answer refused = Fetch({"auth", "", LoginBody("DOM%5Ceve", "domain-pass")});
+  EXPECT_EQ(refused.body, Error(403));
+  EXPECT_EQ(CookieValue(refused, "id"), "");
+  EXPECT_EQ(Fetch({"auth", "", LoginBody("demo", "")}).body, Error(401));
+  EXPECT_EQ(Fetch({"auth", "", "api=Demo.Auth&method=login&version=1&user=demo"}).body, Error(400));
+}

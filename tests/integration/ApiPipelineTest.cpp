@@ -155,6 +155,18 @@ TEST_F(ApiPipelineTest, SessionResultsBecomeTheirCodes) {
   EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + newer}}).out, success);
 }
 
+// Logins need PAM, ordinary requests must not pay for it: an authorized
+// request maps no PAM library (the probe lists what it mapped).
+TEST_F(ApiPipelineTest, AnOrdinaryRequestMapsNoLoginLibrary) {
+  const webapi_test::ChildResult child = Get(
+      "api=Probe.Item&method=get&version=1", {{"HTTP_COOKIE", "id=" + NewSession()}, {"PROBE_MAPS", "1"}});
+  EXPECT_NE(child.out.find(R"("success":true)"), std::string::npos);
+  EXPECT_NE(child.err.find("mapped /"), std::string::npos) << "the probe listed nothing";
+  EXPECT_NE(child.err.find("libwebapi.so"), std::string::npos) << child.err;
+  EXPECT_EQ(child.err.find("libpam"), std::string::npos) << child.err;
+  EXPECT_EQ(child.err.find("pam_"), std::string::npos) << child.err;
+}
+
 TEST_F(ApiPipelineTest, PrivilegeOfTheSessionName) {
   const std::string query = "api=Probe.Item&method=get&version=1";
   const Env admin = {{"PROBE_SESSION", "probeadmin"}};

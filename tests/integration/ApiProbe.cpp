@@ -3,6 +3,8 @@
 //   PROBE_DESCRIPTION  description file name (default "probe.api")
 //   PROBE_SESSION      session name (unset: null)
 //   PROBE_NO_CHECK     set: Run(false)
+//   PROBE_MAPS         set: after the request, every shared object mapped
+//                      into the process is listed on stderr ("mapped <path>")
 // Methods: "get"/"list" answer what the handler saw; "fail" answers error
 // 400 with detail; "export" (a download method) prints its own output.
 #include <syslog.h>
@@ -11,6 +13,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <set>
+#include <string>
 
 #include "webapi/WebAPI.h"
 
@@ -52,5 +57,12 @@ int main() {
   openlog("api_probe", LOG_PERROR, LOG_USER);
   ProbeApi probe;
   probe.Run(std::getenv("PROBE_NO_CHECK") == nullptr);
+  if (std::getenv("PROBE_MAPS")) {
+    std::ifstream maps("/proc/self/maps");
+    std::set<std::string> objects;
+    for (std::string line; std::getline(maps, line);)
+      if (line.find(".so") != std::string::npos) objects.insert(line.substr(line.find('/')));
+    for (const std::string& object : objects) std::fprintf(stderr, "mapped %s\n", object.c_str());
+  }
   return 0;
 }

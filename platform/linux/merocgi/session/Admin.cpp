@@ -9,11 +9,11 @@
 #include "../CgiLog.h"
 #include "SessionDb.h"
 #include "SessionKeys.h"
+#include "SessionCreate.h"
 #include "merocgi.h"
 
 namespace {
 
-constexpr size_t kCsrfTokenBytes = 24;
 constexpr size_t kMinRefPrefix = 8;
 
 // Texts that name a session must print as one field of one line.
@@ -33,28 +33,32 @@ int OpenWriter(merocgi::SessionDb& db) {
              : MERO_SESSION_STORE_ERROR;
 }
 
-int Create(const char* registry, const char* user, const char* client, long long lifetime,
-           const char* privileges, bool endOthers, char* id) {
-  merocgi::SessionRow row;
-  const std::string sid = merocgi::NewSessionId();
-  row.csrf = merocgi::RandomToken(kCsrfTokenBytes);
-  if (sid.empty() || row.csrf.empty()) return MERO_SESSION_STORE_ERROR;
-  row.idHash = merocgi::SessionIdHash(sid);
-  row.registry = merocgi::CanonicalRegistry(registry);
+}  // namespace
+
+namespace merocgi {
+
+int CreateSession(const char* registry, const char* user, const char* client, long long lifetime,
+                  const char* privileges, bool endOthers, std::string* id, std::string* csrf) {
+  SessionRow row;
+  *id = NewSessionId();
+  *csrf = RandomToken(kCsrfTokenBytes);
+  if (id->empty() || csrf->empty()) return MERO_SESSION_STORE_ERROR;
+  row.csrf = *csrf;
+  row.idHash = SessionIdHash(*id);
+  row.registry = CanonicalRegistry(registry);
   row.user = user;
   row.client = client;
   row.created = row.lastSeen = static_cast<int64_t>(::time(nullptr));
   row.lifetime = lifetime > 0 ? lifetime : 0;
   row.privileges = privileges ? privileges : "";
 
-  merocgi::SessionDb db;
+  SessionDb db;
   if (const int failed = OpenWriter(db)) return failed;
   if (db.Insert(row, endOthers) < 0) return MERO_SESSION_STORE_ERROR;
-  std::memcpy(id, sid.c_str(), sid.size() + 1);
   return MERO_SESSION_AUTHORIZED;
 }
 
-}  // namespace
+}  // namespace merocgi
 
 extern "C" {
 
@@ -66,7 +70,11 @@ int MeroCgiSessionCreate(const char* registry, const char* user, const char* cli
       !IsPlainText(client) || (privileges && !IsPlainText(privileges)))
     return MERO_SESSION_INVALID;
   try {
-    return Create(registry, user, client, lifetime, privileges, endOthers != 0, id);
+    std::string sid, csrf;
+    const int created =
+        merocgi::CreateSession(registry, user, client, lifetime, privileges, endOthers != 0, &sid, &csrf);
+    if (created == MERO_SESSION_AUTHORIZED) std::memcpy(id, sid.c_str(), sid.size() + 1);
+    return created;
   } catch (...) {
     MEROCGI_LOG("session create failed: out of memory");
     return MERO_SESSION_STORE_ERROR;

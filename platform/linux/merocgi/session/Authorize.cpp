@@ -9,6 +9,7 @@
 #include <string>
 
 #include "../CgiLog.h"
+#include "CsrfRule.h"
 #include "SessionDb.h"
 #include "SessionKeys.h"
 #include "SessionOptions.h"
@@ -80,6 +81,8 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   }
   if (privilege && *privilege && !HasPrivilege(row.privileges, privilege))
     return MERO_SESSION_NO_PRIVILEGE;
+  if (merocgi::HasWord(state->extra, "csrf") && !merocgi::PassesCsrfRule(row.csrf))
+    return MERO_SESSION_CSRF_REFUSED;
 
   // Rarely a write: the reader above is closed first, since LMDB's locks
   // belong to the process and one environment may be open at a time. A lost
@@ -91,14 +94,29 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
       writer.Touch(idHash, now);
   }
 
-  auto* options = new (std::nothrow) _tag_MEROCGI_SESSION{row.csrf, std::to_string(row.state)};
-  if (!options) return MERO_SESSION_STORE_ERROR;
-  delete state->session;
-  state->session = options;
-  return MERO_SESSION_AUTHORIZED;
+  return merocgi::RememberSession(state, row.csrf, row.state) ? MERO_SESSION_AUTHORIZED
+                                                             : MERO_SESSION_STORE_ERROR;
 }
 
 }  // namespace
+
+namespace merocgi {
+
+_tag_MEROCGI_SESSION* SessionOptionsOf(MEROCGI_STATE* state) {
+  if (!state->session) state->session = new (std::nothrow) _tag_MEROCGI_SESSION;
+  return state->session;
+}
+
+bool RememberSession(MEROCGI_STATE* state, const std::string& csrfToken, int loginState) {
+  _tag_MEROCGI_SESSION* session = SessionOptionsOf(state);
+  if (!session) return false;
+  session->found = true;
+  session->csrfToken = csrfToken;
+  if (!session->loginStateSet) session->loginState = std::to_string(loginState);
+  return true;
+}
+
+}  // namespace merocgi
 
 extern "C" {
 
@@ -116,9 +134,35 @@ int MeroCgiIsAuthorizedEx(MEROCGI_STATE* state, const char* sid, char* user, int
 
 const char* MeroCgiGetOption(MEROCGI_STATE* state, int option, const char* def) {
   if (!state || !state->session) return def;
-  if (option == kOptionCsrfToken) return state->session->csrfToken.c_str();
-  if (option == kOptionLoginState) return state->session->loginState.c_str();
+  const _tag_MEROCGI_SESSION& session = *state->session;
+  if (option == kOptionCsrfToken && session.found) return session.csrfToken.c_str();
+  if (option == kOptionLoginState && (session.found || session.loginStateSet))
+    return session.loginState.c_str();
   return def;
+}
+
+int MeroCgiSetOption(MEROCGI_STATE* state, int option, const void* value) {
+  if (!state || !value) return 0;
+  try {
+    if (option == MERO_CGI_OPTION_SESSION_LIFETIME) {
+      const int minutes = *static_cast<const int*>(value);
+      if (minutes <= 0 && minutes != -1) return 0;
+      _tag_MEROCGI_SESSION* session = merocgi::SessionOptionsOf(state);
+      if (!session) return 0;
+      session->lifetimeMinutes = minutes;
+      return 1;
+    }
+    if (option == MERO_CGI_OPTION_LOGIN_STATE) {
+      _tag_MEROCGI_SESSION* session = merocgi::SessionOptionsOf(state);
+      if (!session) return 0;
+      session->loginState = static_cast<const char*>(value);
+      session->loginStateSet = true;
+      return 1;
+    }
+  } catch (...) {
+    MEROCGI_LOG("setting option %d failed: out of memory", option);
+  }
+  return 0;
 }
 
 int MeroCgiGetSessPath(MEROCGI_STATE* /*state: one store for all*/, char* buf, int size) {

@@ -150,7 +150,9 @@ bool DecodeSessionRow(const void* data, size_t size, SessionRow* row) {
          reader.Text(&row->privileges) && reader.AtEnd();
 }
 
-SessionDb::SessionDb() = default;
+SessionDb::SessionDb() : path_(Path()) {}
+
+SessionDb::SessionDb(std::string path) : path_(std::move(path)) {}
 
 SessionDb::~SessionDb() {
   if (env_) mdb_env_close(env_);
@@ -164,7 +166,7 @@ int SessionDb::Fail(const char* what, int status) {
 }
 
 SessionDb::OpenResult SessionDb::Open(Access access) {
-  const std::string path = Path();
+  const std::string& path = path_;
   // One environment per process: LMDB's locks belong to the process.
   unsigned flags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NORDAHEAD;
   if (access == Access::kWriter) {

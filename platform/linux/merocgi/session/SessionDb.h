@@ -45,7 +45,10 @@ class SessionDb {
   enum class OpenResult { kOpened, kMissing, kFailed };
   enum class Access { kRequest, kWriter };
 
+  // The session store, or another store of the same kind at `path` (the
+  // login throttling records).
   SessionDb();
+  explicit SessionDb(std::string path);
   ~SessionDb();
   SessionDb(const SessionDb&) = delete;
   SessionDb& operator=(const SessionDb&) = delete;
@@ -79,14 +82,18 @@ class SessionDb {
 
   static std::string Path();
 
- private:
   // Runs `work` in a write transaction, committing when it returns >= 0.
   int InWriteTransaction(const std::function<int(MDB_txn*)>& work);
+  MDB_dbi Dbi() const { return dbi_; }
+  // Logs an LMDB failure; returns -1.
   int Fail(const char* what, int status);
+
+ private:
   // A read transaction; frees the slots of dead readers once when the
   // reader table is full.
   int BeginRead(MDB_txn** txn);
 
+  std::string path_;
   MDB_env* env_ = nullptr;
   MDB_dbi dbi_ = 0;
 };

@@ -1,0 +1,48 @@
+// Throttling of failed logins per user name and per client address, kept in
+// an LMDB store beside the sessions (the rules are in merocgi.h).
+#ifndef MEROCGI_LOGIN_LOGINTHROTTLE_H
+#define MEROCGI_LOGIN_LOGINTHROTTLE_H
+
+#include <cstdint>
+#include <string>
+
+namespace merocgi {
+
+class LoginThrottle {
+ public:
+  enum class Verdict { kProceed, kLocked, kStoreError };
+
+  LoginThrottle(std::string user, std::string client);
+
+  // Counts one attempt against the user name and the address, unless one
+  // of them is locked: then *retryAfter holds the seconds left and nothing
+  // is counted.
+  Verdict Attempt(int64_t now, int* retryAfter);
+  // Takes a counted attempt back after a successful login. False when the
+  // store failed (logged); the login still stands.
+  bool Succeeded(int64_t now);
+
+  // The store's path under the appliance root.
+  static std::string Path();
+
+ private:
+  std::string userKey_;
+  std::string clientKey_;
+};
+
+// One counter: its attempts, the time of the last one, and the end of its
+// lock. Packed as three little-endian 64-bit words.
+struct ThrottleCount {
+  int64_t attempts = 0;
+  int64_t lastAttempt = 0;
+  int64_t lockedUntil = 0;
+};
+
+// The counter after one more attempt at `now`, given the limit of its kind.
+ThrottleCount CountAttempt(ThrottleCount count, int64_t now, int64_t limit);
+// Whether a counter no longer matters at `now` (its window and lock passed).
+bool IsStale(const ThrottleCount& count, int64_t now);
+
+}  // namespace merocgi
+
+#endif  // MEROCGI_LOGIN_LOGINTHROTTLE_H
