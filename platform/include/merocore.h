@@ -121,9 +121,10 @@ MERO_EXPORT int MLIBCFileGetKeyValue(const char* file, const char* key, char* bu
  * when it is absent, or its admin_group is missing or empty, the group is
  * MERO_ADMIN_GROUP_DEFAULT.
  *   1   a member.
- *   0   not a member, or no group of that name exists.
+ *   0   not a member, no group of that name exists, or NSS knows no such
+ *       account (PAM may authenticate accounts NSS does not know).
  *   -1  MLIBCErrGet() tells why: MERO_ERR_INVALID_ARGUMENT (null or empty
- *       user), MERO_ERR_NOT_FOUND (no such account), MERO_ERR_IO (the account
+ *       user), MERO_ERR_IO (the account
  *       or group database could not be read, logged; or the settings file
  *       exists but could not be read, so the configured group is unknown),
  *       MERO_ERR_NO_MEMORY.

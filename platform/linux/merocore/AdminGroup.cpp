@@ -46,8 +46,7 @@ int IsAdminGroupMember(const char* user) {
   mero::Account account;
   switch (mero::FindAccount(user, &account)) {
     case mero::Lookup::kMissing:
-      MERO_ERR_SET(MERO_ERR_NOT_FOUND);
-      return -1;
+      return 0;  // PAM may know accounts that NSS does not: they are in no group
     case mero::Lookup::kFailed:
       LogLookupFailure("account");
       MERO_ERR_SET(MERO_ERR_IO);
