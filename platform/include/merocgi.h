@@ -504,8 +504,10 @@ typedef int CGI_LOGIN_RESULT;
 
 /* Audit: every login attempt and logout writes one line to syslog with
  * facility LOG_AUTH (LOG_NOTICE for a success, LOG_WARNING otherwise),
- * never a password or a session identifier; user names are cut to 64 bytes
- * and control bytes in them written as \xHH:
+ * never a password or a session identifier; user names and addresses are
+ * cut to 64 bytes, their control bytes, blanks and backslashes written as
+ * \xHH (so "DOM\\dave" is "DOM\x5Cdave", and a line splits into fields
+ * at its blanks), and a missing one is "-":
  *   "login: user=%s client=%s result=success"
  *   "login: user=%s client=%s result=failure reason=%s"   reason: password,
  *        account, category, unavailable, store, invalid, sso-not-configured

@@ -98,7 +98,8 @@ MERO_EXPORT int MLIBCFileExist(const char* path);
  *   1   found; `buf` holds the value (cut to size - 1 bytes, with a log line,
  *       when it is longer).
  *   0   the file opened but has no such key; `buf` is "".
- *   -1  bad arguments or the file could not be opened; `buf` is "" when it
+ *   -1  bad arguments, or the file could not be opened or read before the
+ *       key was found (a directory, an I/O error); `buf` is "" when it
  *       is usable (MERO_ERR_INVALID_ARGUMENT, MERO_ERR_NOT_FOUND or
  *       MERO_ERR_IO recorded).
  * `flags` is reserved and must be 0. The path is used as given; callers

@@ -104,6 +104,9 @@ TEST_F(JsonFileStoreTest, SettingsFilesReadKeyValueLines) {
   EXPECT_STREQ(small, "on");
   EXPECT_EQ(MLIBCFileGetKeyValue(PathOf("etc/none").c_str(), "a", small, sizeof small, 0), -1);
   EXPECT_EQ(MLIBCErrGet(), MERO_ERR_NOT_FOUND);
+  // A directory opens but cannot be read: no answer, not "no such key".
+  EXPECT_EQ(MLIBCFileGetKeyValue(PathOf("etc").c_str(), "a", small, sizeof small, 0), -1);
+  EXPECT_EQ(MLIBCErrGet(), MERO_ERR_IO);
 }
 
 }  // namespace

@@ -75,6 +75,12 @@ int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
     std::snprintf(buf, static_cast<size_t>(size), "%s", value);
     return 1;
   }
+  // A file that opens but cannot be read (a directory, an I/O error) holds
+  // settings nobody knows: that is no answer, not "no such key".
+  if (std::ferror(in.get())) {
+    MERO_ERR_SET(MERO_ERR_IO);
+    return -1;
+  }
   return 0;
 }
 
