@@ -7,6 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 port=${DEMO_PORT:-8080}
+echo "demo: building; the admin page will be at http://127.0.0.1:$port/"
 bash scripts/deps.sh
 
 if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
@@ -15,7 +16,7 @@ if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
 fi
 
 cmake --preset release >/dev/null
-cmake --build --preset release --target sysinfo settings maintenance auth webapi-session
+cmake --build --preset release --target sysinfo settings maintenance auth preferences webapi-session
 work=$PWD/build-release/demo
 bash examples/deploy/layout.sh build-release "$work" "$port"
 lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on every PATH
@@ -26,9 +27,11 @@ base="http://127.0.0.1:$port/api"
 jar=$work/cookies.txt
 cat <<TEXT
 
-Serving the example API on http://127.0.0.1:$port/ (Ctrl-C stops it).
+Open http://127.0.0.1:$port/ in a browser (Ctrl-C here stops the server).
 Demo user: demo   password: $password   (PAM service: $work/root/etc/pam.d/webui)
-Try, in another terminal (the cookie jar keeps the session):
+
+The API behind the page is under /api/; try it from another terminal (the
+cookie jar keeps the session):
 
   # log in: the answer holds the session's CSRF token, the jar its cookie
   token=\$(curl -s -c $jar -d 'api=Demo.Auth&method=login&version=1&user=demo&password=$password' '$base/auth' | sed -n 's/.*"token":"\([^"]*\)".*/\1/p'); echo \$token

@@ -3,7 +3,8 @@
 #   WORK/root/    appliance root: description and auth files, the session
 #                 store, the settings directory
 #   WORK/cgi/     the example programs, answering at /api/<name>
-#   WORK/lighttpd.conf, WORK/logs/, WORK/www/
+#   WORK/www/     the admin page (examples/www), served at /
+#   WORK/lighttpd.conf, WORK/logs/
 #   WORK/root/etc/pam.d/webui   the PAM service logins use: a password file
 #                               of crypt hashes (pam_pwdfile), every account
 #                               permitted
@@ -22,18 +23,17 @@ rm -rf "$work/root" "$work/cgi"
 mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
-for program in sysinfo settings maintenance auth; do
+for program in sysinfo settings maintenance auth preferences; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
-printf '<!doctype html><title>libwebapi demo</title><p>The API is under /api/.</p>\n' \
-  >"$work/www/index.html"
+cp "$here"/../www/* "$work/www/"
 # The paths go into the configuration as quoted strings and into sed as
 # replacement text: refuse what either would misread.
 case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
 sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
   -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
 chmod go+rx "$work" "$work/cgi" "$work/www"
-chmod go+r "$work/www/index.html" "$work/lighttpd.conf"
+chmod go+r "$work/www"/* "$work/lighttpd.conf"
 
 [ -s "$work/demo-password" ] || openssl rand -base64 12 | tr -d '/+=\n' >"$work/demo-password"
 printf 'demo:%s\n' "$(openssl passwd -6 -stdin <"$work/demo-password")" >"$work/root/etc/webapi-demo.passwd"

@@ -168,6 +168,21 @@ class WEBAPI_EXPORT WebCGI {
   // is none; "" and "guest" are returned as they are.
   std::string GetRealUsername(const std::string& name);
 
+  // ---- preferences ----
+  // The logged-in user's preference directory (merosdk.h: under the
+  // appliance root, created 0700 for the user on first use), or "/tmp"
+  // when there is none (no user, a refused name, a directory that cannot
+  // be made). Nothing is logged here.
+  std::string GetPreferenceDir();
+  // The same for group `group`.
+  std::string GetGroupPreferenceDir(const char* group);
+  // Reads "usersettings" in the user's preference directory into
+  // `settings` (ReadJsonFile). False when it is missing, locked too long,
+  // not JSON, or a symbolic link (never followed: the user could have
+  // planted it). Files the program writes there should be opened with
+  // O_NOFOLLOW too.
+  bool loadUserJsonSettings(Json::Value& settings);
+
   // ---- parameters and cookies ----
   // Loads the request's parameters once.
   //   true   the parameter line was read: a JSON text became In(); anything

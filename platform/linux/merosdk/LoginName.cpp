@@ -7,19 +7,11 @@
 #include <cstring>
 #include <string>
 
+#include "AccountNames.h"
 #include "mero_accounts.h"
 #include "merosdk.h"
 
 namespace {
-
-bool IsRefusedName(const char* name) {
-  if (!*name || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) return true;
-  for (const char* at = name; *at; ++at) {
-    const unsigned char c = static_cast<unsigned char>(*at);
-    if (c == '/' || c < 0x20 || c == 0x7f) return true;
-  }
-  return false;
-}
 
 // ASCII only: bytes of UTF-8 sequences are >= 0x80 and pass through.
 bool LowerAscii(std::string* text) {
@@ -55,7 +47,7 @@ int Convert(const char* name, char* buf, int size) {
 extern "C" int MEROUserLoginNameConvert(const char* name, char* buf, int size) {
   if (!buf || size < 1) return -1;
   buf[0] = '\0';
-  if (!name || IsRefusedName(name)) return -1;
+  if (!name || merosdk::IsRefusedName(name)) return -1;
   try {
     return Convert(name, buf, size);
   } catch (...) {  // only the account record's allocations throw
