@@ -51,14 +51,20 @@ constexpr int kReadLockPollMicros = 50000;
 // Seconds SaveJsonFile waits for the writer's lock.
 constexpr int kSaveLockTimeoutSeconds = 15;
 
-// Reads the JSON document in `path` into `value`.
-//   true   the file was opened, locked and parsed; `value` holds it
-//          (comments are accepted and dropped).
+// Reads the JSON document in `path` into `value`, as jsoncpp's Reader
+// parses a file: comments are accepted and dropped, and whatever follows
+// the document is ignored (a stray character after a hand-edited file does
+// not make it unreadable). Request text is held to JSON itself instead
+// (MERO::JsonValue::fromString).
+//   true   the file was opened, locked and its document parsed; `value`
+//          holds it.
 //   false  `path` is null; the file cannot be opened (it does not exist:
 //          no waiting); the shared lock was not had within kReadLockAttempts
-//          (`value` untouched); or the text is not JSON (nested deeper than
-//          MERO::JsonValue::kMaxJsonDepth counts as not JSON). After a parse
-//          failure `value` holds whatever the parser left: discard it.
+//          (`value` untouched); or the file does not begin with a JSON
+//          document (brackets nested deeper than
+//          MERO::JsonValue::kMaxJsonDepth anywhere count as not JSON). After
+//          a parse failure `value` holds whatever the parser left: discard
+//          it.
 // The lock and the descriptor are released on every path. A FIFO or other
 // file that cannot be read at once gives false, never a wait.
 WEBAPI_EXPORT bool ReadJsonFile(Json::Value& value, const char* path);

@@ -32,7 +32,11 @@ class WEBAPI_EXPORT WebCGI {
   // `sessionName` (null means "zel") from its auth file
   // "<root>/usr/mero/meroman/webapi/<name>.auth" (name folded to lower case),
   // falling back to the platform defaults under the name "zel" when that
-  // file is missing or not JSON; loads the request's cookies; then, when
+  // file is missing or cannot be read (not JSON, or locked by another
+  // process for longer than ReadJsonFile waits). With the appliance setting
+  // refuse_unreadable_auth="yes" in "<root>/etc/meroinfo.conf", a file that
+  // exists but cannot be read makes every CheckAuthorized refuse (-8)
+  // instead. Loads the request's cookies; then, when
   // `loadParams` is true and the request is not an upload, the parameters
   // (LoadIn). Reports no error: a refused request simply has no parameters.
   WebCGI(const char* sessionName, bool loadParams);
@@ -44,7 +48,9 @@ class WEBAPI_EXPORT WebCGI {
   // Re-reads the session configuration for `name` on the live context. It
   // resets the login flags and overwrites the session time-out and the
   // source-IP setting, so SetCgiTimeout / SetSkipCheckIP must come after it.
-  // With no usable auth file only the session name changes, to "zel".
+  // With no usable auth file only the session name changes, to "zel" (and
+  // checks are refused, as at construction, when the file exists but cannot
+  // be read and the appliance says so).
   void SetSessionName(const char* name);
   // Stores the source-IP setting of the session check (no platform call).
   void SetSkipCheckIP(bool skip);
@@ -63,6 +69,9 @@ class WEBAPI_EXPORT WebCGI {
   // characters of the id), else the `id` cookie. Results:
   //   positive  authorized; GetLoginUserName() names the user
   //   -5        the request carries no session identifier
+  //   -8        the session name's auth file exists but could not be read,
+  //             and the appliance refuses sessions then (see the
+  //             constructor); logged on every check
   //   other     the platform's refusal (merocgi.h, MERO_SESSION_*): -1
   //             expired, -3 ended by another login or used from another
   //             address, ...

@@ -52,7 +52,7 @@ Json::Value TableAsJson(MLIBSZHASH** table) {
   if (!*table) return result;
   mero::UniqueCText text(MeroCgiHashToJsonString(table));
   if (!text) return result;
-  detail::ReaderParse(text.get(), std::strlen(text.get()), result, true);
+  detail::StrictParse(text.get(), std::strlen(text.get()), result, true);
   return result;
 }
 

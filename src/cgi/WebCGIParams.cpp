@@ -16,7 +16,7 @@ namespace MERO {
 using detail::kWebCgiSource;
 
 bool WebCGIPrivate::LoadJSONParam(char* line) {
-  return detail::ReaderParse(line, std::strlen(line), jsonParams, true);
+  return detail::StrictParse(line, std::strlen(line), jsonParams, true);
 }
 
 bool WebCGI::LoadIn() {

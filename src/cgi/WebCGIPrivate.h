@@ -83,6 +83,10 @@ class WebCGIPrivate {
   int port = 0;
   std::string protocol;
   Json::Value allowUsers;
+  // The auth file that exists but could not be read, when the appliance
+  // settings refuse every session check then ("refuse_unreadable_auth");
+  // empty otherwise.
+  std::string unreadableAuthFile;
 };
 
 }  // namespace MERO

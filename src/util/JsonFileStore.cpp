@@ -77,7 +77,7 @@ bool ReadJsonFile(Json::Value& value, const char* path) {
   if (!TakeSharedLock(file.Get())) return false;
   std::string text;
   if (!ReadAll(file.Get(), text)) return false;
-  return detail::ReaderParse(text.data(), text.size(), value, false);
+  return detail::ReaderParse(text.data(), text.size(), value);
 }
 
 bool SaveJsonFile(Json::Value& value, const char* path) {

@@ -11,7 +11,7 @@
 namespace MERO {
 namespace detail {
 
-bool ReaderParse(const char* text, size_t length, Json::Value& value, bool collectComments) {
+bool StrictParse(const char* text, size_t length, Json::Value& value, bool collectComments) {
   const JsonOutline outline = SkimJson(text, length);
   if (outline.maxDepth > JsonValue::kMaxJsonDepth || outline.notOneDocument) return false;
   // jsoncpp's Json::Reader features (comments allowed, any root), but its
@@ -24,6 +24,12 @@ bool ReaderParse(const char* text, size_t length, Json::Value& value, bool colle
   builder["stackLimit"] = JsonValue::kMaxJsonDepth + 8;  // never reached: the outline is checked
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   return reader->parse(text, text + length, &value, nullptr);
+}
+
+bool ReaderParse(const char* text, size_t length, Json::Value& value) {
+  if (SkimJson(text, length).maxDepth > JsonValue::kMaxJsonDepth) return false;
+  Json::Reader reader;
+  return reader.parse(text, text + length, value, false);
 }
 
 std::string FastWrite(const Json::Value& value) {

@@ -8,7 +8,7 @@ namespace MERO {
 namespace JsonValue {
 
 bool fromString(Json::Value& value, const std::string& text) {
-  if (!detail::ReaderParse(text.data(), text.size(), value, false)) {
+  if (!detail::StrictParse(text.data(), text.size(), value, false)) {
     value = Json::Value();
     return false;
   }

@@ -1,6 +1,7 @@
 // Session configuration from the auth file of a session name, under a
 // temporary appliance root.
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <string>
 
@@ -114,6 +115,58 @@ TEST_F(WebCGISessionTest, AppPortalsAndWrongTypesCountAsAbsent) {
   WriteAuth("app", R"({"timeout": )");  // not JSON: the platform defaults under "zel"
   MERO::WebCGI broken("app", false);
   EXPECT_EQ(WebCGITestPeer::Priv(broken).sessionName, "zel");
+}
+
+TEST_F(WebCGISessionTest, TextAfterTheAuthFilesDocumentIsIgnored) {
+  WriteAuth("app", "{\"privilege\":\"admin\"}\n}\n");  // a stray line after a valid file
+  MERO::WebCGI cgi("app", false);
+  EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "app");
+  EXPECT_EQ(WebCGITestPeer::Priv(cgi).privilege, "admin");
+}
+
+// -5 means the check ran (and found no session identifier); -8 that it was
+// refused before looking.
+TEST_F(WebCGISessionTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplianceSaysSo) {
+  struct Case {
+    const char* conf;  // null: no appliance settings file
+    const char* auth;  // null: no auth file; "/": a directory in its place
+    int want;
+  };
+  const Case cases[] = {
+      {nullptr, R"({"privilege":"adm)", -5},  // the documented fallback
+      {"refuse_unreadable_auth=\"yes\"\n", R"({"privilege":"adm)", -8},
+      {"refuse_unreadable_auth=yes\n", "/", -8},
+      {"refuse_unreadable_auth=\"yes\"\n", nullptr, -5},  // a missing file still falls back
+      {"refuse_unreadable_auth=\"yes\"\n", R"({"privilege":"admin"})", -5},
+      {"refuse_unreadable_auth=\"no\"\n", R"({"privilege":"adm)", -5},
+  };
+  openlog("WebCGISessionTest", LOG_PERROR, LOG_USER);  // a copy of each log line on stderr
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.conf ? c.conf : "no settings") + " / " + (c.auth ? c.auth : "no file"));
+    std::filesystem::remove(root() / "etc/meroinfo.conf");
+    std::filesystem::remove_all(root() / "usr/mero/meroman/webapi/app.auth");
+    if (c.conf) WriteApplianceConf(c.conf);
+    if (c.auth && std::string(c.auth) == "/")
+      std::filesystem::create_directory(root() / "usr/mero/meroman/webapi/app.auth");
+    else if (c.auth)
+      WriteAuth("app", c.auth);
+    MERO::WebCGI cgi("app", false);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(cgi.CheckAuthorized(), c.want);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.find("app.auth exists but could not be read; session refused\n") != std::string::npos,
+              c.want == -8)
+        << log;
+  }
+  openlog(nullptr, 0, LOG_USER);  // glibc's closelog would keep LOG_PERROR
+  closelog();
+
+  WriteApplianceConf("refuse_unreadable_auth=\"yes\"\n");
+  WriteAuth("app", "{");
+  WriteAuth("good", "{}");
+  MERO::WebCGI cgi("app", false);
+  cgi.SetSessionName("good");  // a readable file lifts the refusal
+  EXPECT_EQ(cgi.CheckAuthorized(), -5);
 }
 
 TEST_F(WebCGISessionTest, OverlongNameFallsBackToZel) {
