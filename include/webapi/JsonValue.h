@@ -16,15 +16,19 @@
 namespace MERO {
 namespace JsonValue {
 
-// Parses the whole of `text` as one JSON document into `value`.
+// Parses the whole of `text` as one JSON document (RFC 8259) into `value`.
 //   true   `value` holds the document.
-//   false  the text is not JSON (also: empty, or nested deeper than
-//          kMaxJsonDepth); `value` is reset to null, never left half-filled.
-// Comments are accepted and dropped, as jsoncpp's Reader does by default;
-// anything after the document but blanks and comments makes the parse fail,
-// and so does a scalar with junk ("7x"). Never throws on bad input (a
-// document too deep for the parser's own stack limit is refused before it
-// is handed over).
+//   false  the text is not JSON; `value` is reset to null, never left
+//          half-filled. Not JSON: an empty text, anything after the
+//          document but blanks and comments, a trailing comma, a number
+//          JSON does not write ("-", "+1", "01", "1.", ".5", "2.e3", NaN),
+//          a raw control byte (NUL, tab, line feed, ...) inside a string,
+//          bytes that are not UTF-8, and nesting deeper than kMaxJsonDepth.
+// One extension: comments ("//" to the end of the line, "/* */") may stand
+// wherever blanks may, and are dropped. Numbers come out as jsoncpp's
+// readers give them (Int64, else UInt64, else double); past the double
+// range as an infinity (or zero, when too small). A lone surrogate escape
+// ("\ud800") is kept as its three-byte form. Never throws on bad input.
 WEBAPI_EXPORT bool fromString(Json::Value& value, const std::string& text);
 
 // Deepest nesting of arrays and objects fromString accepts.

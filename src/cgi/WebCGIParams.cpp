@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "../util/JsonText.h"
+#include "../util/JsonParse.h"
 #include "../util/LogSource.h"
 #include "WebCGIPrivate.h"
 #include "mero_owners.h"
@@ -16,7 +16,8 @@ namespace MERO {
 using detail::kWebCgiSource;
 
 bool WebCGIPrivate::LoadJSONParam(char* line) {
-  return detail::StrictParse(line, std::strlen(line), jsonParams, true);
+  return detail::ParseJson(line, std::strlen(line), jsonParams, SIZE_MAX, true) ==
+         detail::JsonParseResult::kParsed;
 }
 
 bool WebCGI::LoadIn() {

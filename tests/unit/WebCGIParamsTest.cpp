@@ -1,8 +1,12 @@
 // Parameters of a GET request, in-process (POST bodies come from stdin and
 // are tested with a child process).
 #include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/writer.h>
 
 #include <cstdlib>
+#include <memory>
+#include <sstream>
 
 #include "ApplianceRootEnv.h"
 #include "WebCGIPeer.h"
@@ -20,7 +24,7 @@ class WebCGIParamsTest : public webapi_test::ApplianceRootTest {
 TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
   struct Case {
     const char* query;
-    bool jsonReturned;  // In() non-null
+    bool jsonReturned;    // In() non-null
     const char* version;  // In("version", null)
   };
   const Case cases[] = {
@@ -28,9 +32,11 @@ TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
       {"api=x&version=1", false, "1"},
       {"[]", false, nullptr},
       {"{}", false, nullptr},
-      {"7", false, nullptr},  // a JSON scalar: no form parameters either
-      {R"({"version":)", false, nullptr},  // looks like JSON, is not: read as a form
-      {"1=a&version=2", false, "2"},       // a JSON-like start is not a JSON line
+      {"7", false, nullptr},                            // a JSON scalar: no form parameters either
+      {R"({"version":)", false, nullptr},               // looks like JSON, is not: read as a form
+      {R"({"api":"x","version":1,})", false, nullptr},  // JSON has no trailing comma
+      {"{\"api\":\"x\ty\",\"version\":01}", false, nullptr},  // nor a raw tab, nor "01"
+      {"1=a&version=2", false, "2"},  // a JSON-like start is not a JSON line
       {R"({"a":1}&version=2)", false, "2"},
   };
   for (const Case& c : cases) {
@@ -49,6 +55,25 @@ TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
   MERO::WebCGI cgi("zel", true);
   EXPECT_EQ((*cgi.In())["api"].asString(), "x");
   EXPECT_EQ(cgi.In("api", "none"), std::string("none"));  // JSON members are not form parameters
+}
+
+// Comments of a JSON line stay on its values, where jsoncpp's own reader
+// puts them (its styled writer shows them).
+TEST_F(WebCGIParamsTest, JsonLinesKeepTheirCommentsWhereJsoncppPutsThem) {
+  for (const char* line :
+       {"// head\n{\"a\":1, // same line\n\"b\":[1 /* c */, 2],\r\n/* d */ \"c\":null} // tail",
+        "/* x */[1]\r\n// y\r\n// z", "[1] /* one */ /* two */\n"}) {
+    SCOPED_TRACE(line);
+    Get(line);
+    MERO::WebCGI cgi("zel", true);
+    ASSERT_NE(cgi.In(), nullptr);
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = true;
+    Json::Value want;
+    ASSERT_TRUE(Json::parseFromStream(builder, *std::make_unique<std::istringstream>(line), &want,
+                                      nullptr));
+    EXPECT_EQ(Json::StyledWriter().write(*cgi.In()), Json::StyledWriter().write(want));
+  }
 }
 
 TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
