@@ -9,6 +9,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <string>
 
 #include "webapi/Export.h"
@@ -33,6 +34,23 @@ WEBAPI_EXPORT bool fromString(Json::Value& value, const std::string& text);
 
 // Deepest nesting of arrays and objects fromString accepts.
 constexpr int kMaxJsonDepth = 512;
+
+// Values a JSON parameter line may hold (WebCGI::LoadIn): one for every
+// kJsonParamBytesPerValue bytes of the line, and never fewer than
+// kJsonParamMinValues; 65536 for a line at the 1 MiB line limit. Each
+// scalar, array and object counts once, member names do not. A line with
+// more is refused whole, and parsing stops at the first value past the
+// limit. jsoncpp spends about 100 bytes on a value, so reading a line
+// raises a process's peak memory by at most about 8 times the line's
+// length, or 0.5 MiB for a line under 64 KiB
+// (bench/spawn/json_body_memory.sh measures it).
+constexpr size_t kJsonParamBytesPerValue = 16;
+constexpr size_t kJsonParamMinValues = 4096;
+constexpr size_t MaxJsonParamValues(size_t lineBytes) {
+  return lineBytes / kJsonParamBytesPerValue > kJsonParamMinValues
+             ? lineBytes / kJsonParamBytesPerValue
+             : kJsonParamMinValues;
+}
 
 }  // namespace JsonValue
 }  // namespace MERO

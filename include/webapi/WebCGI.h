@@ -12,6 +12,8 @@
 //   parameters in one line                  65536   MERO_CGI_MAX_PARAMS
 //   Cookie header                           16 KiB  MERO_CGI_MAX_COOKIE_HEADER_BYTES
 //   nesting of a JSON parameter line        512     MERO::JsonValue::kMaxJsonDepth
+//   values in a JSON parameter line         one per 16 bytes, at least 4096
+//                                                   MERO::JsonValue::MaxJsonParamValues
 // After a refusal MLIBCErrGet() tells which (merocore.h, MERO_ERR_REQUEST_*).
 #ifndef WEBAPI_WEBCGI_H
 #define WEBAPI_WEBCGI_H
@@ -100,8 +102,9 @@ class WEBAPI_EXPORT WebCGI {
   //          else was decoded as a form into the parameter table.
   //   false  already loaded (nothing changes), or the request has no
   //          parameter line, or its line was refused (see the limits above;
-  //          also a form line with a %00 escape): no parameter was stored,
-  //          and a later call tries again.
+  //          also a form line with a %00 escape, and a JSON line with more
+  //          values than it may hold, logged): no parameter was stored, and
+  //          a later call tries again.
   // A line that looks like JSON ('{' or '[' first) but does not parse is
   // logged and then decoded as a form, as any other non-JSON line.
   bool LoadIn();

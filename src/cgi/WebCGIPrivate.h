@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "../util/JsonParse.h"
 #include "merocgi.h"
 
 namespace MERO {
@@ -42,7 +43,10 @@ class WebCGIPrivate {
 
   void SetSessionName(const char* name, bool init);
   void SetErrorLog(bool enable);
-  bool LoadJSONParam(char* line);
+  // Parses `line` as JSON into jsonParams, keeping its comments, within
+  // the values a line of its length may hold; jsonParams is null unless
+  // the result is kParsed.
+  detail::JsonParseResult LoadJSONParam(char* line);
 
   int IsAuthorized();
   int CheckAuthorized();

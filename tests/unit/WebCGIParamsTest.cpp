@@ -4,12 +4,16 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
+#include <string>
 
 #include "ApplianceRootEnv.h"
 #include "WebCGIPeer.h"
+#include "merocore.h"
+#include "webapi/JsonValue.h"
 
 namespace {
 
@@ -73,6 +77,40 @@ TEST_F(WebCGIParamsTest, JsonLinesKeepTheirCommentsWhereJsoncppPutsThem) {
     ASSERT_TRUE(Json::parseFromStream(builder, *std::make_unique<std::istringstream>(line), &want,
                                       nullptr));
     EXPECT_EQ(Json::StyledWriter().write(*cgi.In()), Json::StyledWriter().write(want));
+  }
+}
+
+// "[0,0,...]" with `zeros` elements (so one more value), padded with blanks
+// to `length` bytes.
+std::string ZerosLine(size_t zeros, size_t length) {
+  std::string line = "[0";
+  for (size_t i = 1; i < zeros; ++i) line += ",0";
+  line += "]";
+  line.resize(std::max(length, line.size()), ' ');
+  return line;
+}
+
+TEST_F(WebCGIParamsTest, JsonLinesHoldingTooManyValuesAreRefusedWhole) {
+  using MERO::JsonValue::MaxJsonParamValues;
+  const size_t longLine = 320000;
+  ASSERT_EQ(MaxJsonParamValues(longLine), 20000u);
+  ASSERT_EQ(MaxJsonParamValues(100), 4096u);
+  struct Case {
+    size_t zeros, length;
+    bool loaded;
+  };
+  const Case cases[] = {
+      {4095, 0, true}, {4096, 0, false}, {19999, longLine, true}, {20000, longLine, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.zeros) + " zeros in " + std::to_string(c.length) + " bytes");
+    const std::string line = ZerosLine(c.zeros, c.length);
+    Get(line.c_str());
+    MLIBCErrSetEx(MERO_ERR_NONE, "", 0);
+    MERO::WebCGI cgi("zel", true);
+    EXPECT_EQ(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded, c.loaded);
+    EXPECT_EQ(cgi.In() ? cgi.In()->size() : 0u, c.loaded ? c.zeros : 0u);
+    EXPECT_EQ(cgi.In(line.c_str(), nullptr), nullptr);  // not read as a form either
+    EXPECT_EQ(MLIBCErrGet(), c.loaded ? MERO_ERR_NONE : MERO_ERR_REQUEST_TOO_LARGE);
   }
 }
 
