@@ -264,9 +264,12 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
 #define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.mdb"
 #define MERO_CGI_SESSION_STORE_BYTES (1024LL * 1024 * 1024)
 #define MERO_CGI_SESSION_MAX_READERS 1024
-/* Last-seen times are written at most this often per session: a check within
- * this many seconds of the last write only reads (within half the idle limit
- * when that is shorter, so a session in use never idles out). */
+/* Last-seen times are written at most this often per session, or every
+ * tenth of the idle limit when that is shorter: a check within that
+ * interval of the last write only reads. A use it does not write is
+ * allowed for: a session idles out only when the time since its last
+ * recorded use passes the idle limit plus that interval, so one in use
+ * never idles out, and one left alone does so at most that interval late. */
 #define MERO_CGI_SESSION_TOUCH_SECONDS 60
 #define MERO_CGI_SESSION_ID_CHARS 43
 
@@ -293,14 +296,15 @@ typedef struct _tag_MEROCGI_AUTH_OPTIONS {
  *   found in the registry             else MERO_SESSION_UNKNOWN
  *   not ended by another login        else MERO_SESSION_ENDED
  *   within its lifetime, and used within sessionTimeout minutes of its last
- *   use (timeout 0: no idle limit; negative: always expired)
+ *   use (timeout 0: no idle limit; negative: always expired; see
+ *   MERO_CGI_SESSION_TOUCH_SECONDS for when it idles out)
  *                                     else MERO_SESSION_EXPIRED
  *   from its client address, REMOTE_ADDR, compared as addresses (unless
  *   skipCheckIP)                      else MERO_SESSION_ENDED
  *   holding `privilege` (null or "": none needed)
  *                                     else MERO_SESSION_NO_PRIVILEGE
  * and returns MERO_SESSION_AUTHORIZED, the last use becoming now (written at
- * most every MERO_CGI_SESSION_TOUCH_SECONDS). Whenever the session was
+ * most every MERO_CGI_SESSION_TOUCH_SECONDS, or tenth of the idle limit). Whenever the session was
  * found, whatever the result, its user name is written into `user` (cut to
  * userSize - 1 bytes, zero-ended); when it was not found `user` is left as
  * it was. MERO_SESSION_STORE_ERROR when the store cannot be read;

@@ -41,13 +41,6 @@ bool HasPrivilege(const std::string& privileges, const char* wanted) {
   return false;
 }
 
-// How stale a last-seen time may get before a check writes it: never so
-// stale that a session in steady use could idle out between two writes.
-int64_t TouchInterval(int timeoutMinutes) {
-  const int64_t halfLimit = timeoutMinutes > 0 ? int64_t(timeoutMinutes) * 30 : INT64_MAX;
-  return std::min<int64_t>(MERO_CGI_SESSION_TOUCH_SECONDS, halfLimit);
-}
-
 int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
               const char* privilege) {
   if (!merocgi::IsSessionIdShape(sid)) return MERO_SESSION_UNKNOWN;
@@ -85,7 +78,7 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   // belong to the process and one environment may be open at a time. A lost
   // last-seen write costs at most one touch interval of idle time; it never
   // fails the request.
-  if (now - row.lastSeen >= TouchInterval(state->sessionTimeout)) {
+  if (now - row.lastSeen >= merocgi::SessionTouchInterval(state->sessionTimeout)) {
     merocgi::SessionDb writer;
     if (writer.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened)
       writer.Touch(idHash, now);
