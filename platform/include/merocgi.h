@@ -251,18 +251,27 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
  * current-users registry name of its session name), user, client address,
  * created, last seen, lifetime (seconds from creation; 0 none), CSRF token
  * (option 2), login state (option 13: "1" active, "2" ended by another
- * login) and privileges (words separated by blanks).
+ * login), privileges (words separated by blanks) and the widest time-out a
+ * check has applied to it.
  *
  * Readers never wait and never see a half-written record; writers take
  * turns (one write transaction at a time, across processes). At most
  * MERO_CGI_SESSION_MAX_READERS processes read at once (the slots of killed
  * readers are freed when the table fills). The store holds at most
  * MERO_CGI_SESSION_STORE_BYTES of data, some three million sessions (the
- * file grows with use); each new session removes those past their
- * lifetime, and a write beyond the limit fails with
- * MERO_SESSION_STORE_ERROR (logged: purge idle sessions then). */
+ * file grows with use), and a write beyond the limit fails with
+ * MERO_SESSION_STORE_ERROR (logged: purge idle sessions then). The store
+ * also expires sessions itself, with no full scan: each new session looks
+ * at MERO_CGI_SESSION_EXPIRY_BATCH stored ones from a random place and
+ * removes those that have expired, past their lifetime or idle past the
+ * widest time-out a check has applied to them (with the rule of
+ * MERO_CGI_SESSION_TOUCH_SECONDS; MERO_CGI_DEFAULT_SESSION_TIMEOUT for one
+ * no check has seen). Under steady logins the expired ones that wait to be
+ * found are thus about one in that many sessions stored. */
 #define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.mdb"
 #define MERO_CGI_SESSION_STORE_BYTES (1024LL * 1024 * 1024)
+/* Stored sessions each new one looks at for expired ones to remove. */
+#define MERO_CGI_SESSION_EXPIRY_BATCH 16
 #define MERO_CGI_SESSION_MAX_READERS 1024
 /* Last-seen times are written at most this often per session, or every
  * tenth of the idle limit when that is shorter: a check within that

@@ -77,11 +77,14 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   // Rarely a write: the reader above is closed first, since LMDB's locks
   // belong to the process and one environment may be open at a time. A lost
   // last-seen write costs at most one touch interval of idle time; it never
-  // fails the request.
-  if (now - row.lastSeen >= merocgi::SessionTouchInterval(state->sessionTimeout)) {
+  // fails the request. The idle limit is written too when it widens (the
+  // first check of a session), for the store's own expiry.
+  const int64_t idleMinutes = merocgi::WidestIdleLimit(row.idleMinutes, state->sessionTimeout);
+  if (now - row.lastSeen >= merocgi::SessionTouchInterval(state->sessionTimeout) ||
+      idleMinutes != row.idleMinutes) {
     merocgi::SessionDb writer;
     if (writer.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened)
-      writer.Touch(idHash, now);
+      writer.Touch(idHash, now, idleMinutes);
   }
 
   auto* options = new (std::nothrow) _tag_MEROCGI_SESSION{row.csrf, std::to_string(row.state)};

@@ -136,4 +136,10 @@ bool IsSessionExpired(int64_t created, int64_t lifetime, int64_t lastSeen, int t
          now - lastSeen > int64_t(timeoutMinutes) * 60 + SessionTouchInterval(timeoutMinutes);
 }
 
+int64_t WidestIdleLimit(int64_t recordedMinutes, int timeoutMinutes) {
+  if (recordedMinutes == kIdleLimitUnknown) return timeoutMinutes;
+  if (recordedMinutes == 0 || timeoutMinutes == 0) return 0;
+  return std::max<int64_t>(recordedMinutes, timeoutMinutes);
+}
+
 }  // namespace merocgi

@@ -10,6 +10,9 @@
 
 namespace merocgi {
 
+// The idle limit recorded for a session no check has seen yet.
+constexpr int64_t kIdleLimitUnknown = INT64_MIN;
+
 // `bytes` random bytes from getrandom as URL-safe base64 without padding;
 // "" when the kernel's generator failed (logged).
 std::string RandomToken(size_t bytes);
@@ -41,6 +44,12 @@ int64_t SessionTouchInterval(int timeoutMinutes);
 // interval after its last use, never within the limit.
 bool IsSessionExpired(int64_t created, int64_t lifetime, int64_t lastSeen, int timeoutMinutes,
                       int64_t now);
+// The idle limit to record for a session after a successful check with
+// `timeoutMinutes`: the wider of that and the one `recordedMinutes` (0 is
+// none, the widest; kIdleLimitUnknown before the first check). The store's
+// own expiry goes by it, so it never removes a session that some check
+// would still take.
+int64_t WidestIdleLimit(int64_t recordedMinutes, int timeoutMinutes);
 
 }  // namespace merocgi
 
