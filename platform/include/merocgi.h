@@ -214,8 +214,13 @@ MERO_EXPORT int MeroCgiPrintHTTPHeader(MEROCGI_STATE* state);
 
 /* Answers with a redirection: records "Status: 302 Found" and
  * "Location: url" and prints the header block. `url` must be a valid header
- * value (no control byte, so no CR or LF). Returns 1 when printed, 0 when the
- * URL is refused (nothing printed, log line) or printing failed. */
+ * value (no control byte, so no CR or LF). Returns 1 when printed, 0 when
+ * the URL is refused or the two headers would not fit within
+ * MERO_CGI_MAX_RESPONSE_HEADERS (nothing recorded or printed, log line), or
+ * printing failed. Should memory run out between the two, Status is put
+ * back as it was, or becomes "500 Internal Server Error" when there was
+ * none: a recorded header cannot be removed, and a 302 must never go out
+ * without its Location. */
 MERO_EXPORT int MeroCgiRedirect(MEROCGI_STATE* state, const char* url);
 
 /* Renders the pairs of *table as a JSON object text (keys in slot order;

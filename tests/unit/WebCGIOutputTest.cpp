@@ -67,4 +67,17 @@ TEST_F(Output, RefusesEverythingThatCouldSplitAResponse) {
   EXPECT_EQ(cgi.GetSetCookies(), Json::Value(Json::objectValue));
 }
 
+// A redirect whose Location would not fit records neither header: a 302
+// without its Location would send the browser nowhere.
+TEST_F(Output, ARedirectThatDoesNotFitRecordsNothing) {
+  MERO::WebCGI cgi("zel", false);
+  for (int i = 1; i < MERO_CGI_MAX_RESPONSE_HEADERS; ++i)
+    ASSERT_NE(cgi.AddHeader(("X-H" + std::to_string(i)).c_str(), "v"), 0);
+  EXPECT_EQ(cgi.Redirect("/api/login"), 0);
+  const Json::Value headers = cgi.GetHeaders();
+  EXPECT_FALSE(headers.isMember("Status"));
+  EXPECT_FALSE(headers.isMember("Location"));
+  EXPECT_EQ(headers.size(), MERO_CGI_MAX_RESPONSE_HEADERS - 1u);
+}
+
 }  // namespace
