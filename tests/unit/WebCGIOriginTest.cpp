@@ -70,6 +70,9 @@ TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
     SetEnvOrUnset("HTTP_HOST", c.hostHeader);
     MERO::WebCGI cgi("zel", false);
     EXPECT_EQ(cgi.GetURLProto(), c.proto);
+    ASSERT_TRUE(cgi.AddCookieToHeader("/api", "id", "x"));  // Secure on https only
+    EXPECT_EQ(cgi.GetSetCookies()["id"].asString().find("; Secure") != std::string::npos,
+              std::string(c.proto) == "https");
     MERO::WebCGIPrivate& p = MERO::WebCGITestPeer::Priv(cgi);
     EXPECT_EQ(p.host, c.host);
     EXPECT_EQ(p.port, c.port);
