@@ -13,7 +13,7 @@ namespace {
 using MERO::WebCGITestPeer;
 using webapi_test::WriteRootFile;
 
-class WebCGISessionTest : public webapi_test::ApplianceRootTest {
+class WebCGIAuthFileTest : public webapi_test::ApplianceRootTest {
  protected:
   static void WriteAuth(const std::string& name, const std::string& json) {
     WriteRootFile("usr/mero/meroman/webapi/" + name + ".auth", json);
@@ -21,7 +21,7 @@ class WebCGISessionTest : public webapi_test::ApplianceRootTest {
   static void WriteApplianceConf(const std::string& text) { WriteRootFile("etc/meroinfo.conf", text); }
 };
 
-TEST_F(WebCGISessionTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
+TEST_F(WebCGIAuthFileTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
   MERO::WebCGI cgi("NoSuchApp", false);
   MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
   EXPECT_EQ(p.sessionName, "zel");
@@ -32,7 +32,7 @@ TEST_F(WebCGISessionTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
   EXPECT_STREQ(p.State()->registry, MERO_CGI_DEFAULT_REGISTRY);
 }
 
-TEST_F(WebCGISessionTest, NamesAreFoldedForFilesButKeptAsGiven) {
+TEST_F(WebCGIAuthFileTest, NamesAreFoldedForFilesButKeptAsGiven) {
   WriteAuth("myapp", R"({"timeout": 45, "privilege": "portal_admin"})");
   MERO::WebCGI cgi("MyApp", false);
   MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
@@ -51,7 +51,7 @@ TEST_F(WebCGISessionTest, NamesAreFoldedForFilesButKeptAsGiven) {
   EXPECT_STREQ(WebCGITestPeer::Priv(nullName).State()->registry, "zel.current.users");
 }
 
-TEST_F(WebCGISessionTest, TimeoutIsMappedFromTheAuthFile) {
+TEST_F(WebCGIAuthFileTest, TimeoutIsMappedFromTheAuthFile) {
   struct Case {
     const char* json;
     int want;
@@ -69,7 +69,7 @@ TEST_F(WebCGISessionTest, TimeoutIsMappedFromTheAuthFile) {
   }
 }
 
-TEST_F(WebCGISessionTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetting) {
+TEST_F(WebCGIAuthFileTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetting) {
   struct Case {
     const char* json;
     const char* conf;  // null: no appliance settings file
@@ -95,7 +95,7 @@ TEST_F(WebCGISessionTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetti
   }
 }
 
-TEST_F(WebCGISessionTest, AppPortalsAndWrongTypesCountAsAbsent) {
+TEST_F(WebCGIAuthFileTest, AppPortalsAndWrongTypesCountAsAbsent) {
   WriteAuth("app", R"({"privilege":"portal_admin","app_portals":[]})");
   MERO::WebCGI withEmpty("app", false);
   EXPECT_EQ(WebCGITestPeer::Priv(withEmpty).appPortals, Json::Value(Json::arrayValue));
@@ -117,7 +117,7 @@ TEST_F(WebCGISessionTest, AppPortalsAndWrongTypesCountAsAbsent) {
   EXPECT_EQ(WebCGITestPeer::Priv(broken).sessionName, "zel");
 }
 
-TEST_F(WebCGISessionTest, TextAfterTheAuthFilesDocumentIsIgnored) {
+TEST_F(WebCGIAuthFileTest, TextAfterTheAuthFilesDocumentIsIgnored) {
   WriteAuth("app", "{\"privilege\":\"admin\"}\n}\n");  // a stray line after a valid file
   MERO::WebCGI cgi("app", false);
   EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "app");
@@ -126,7 +126,7 @@ TEST_F(WebCGISessionTest, TextAfterTheAuthFilesDocumentIsIgnored) {
 
 // -5 means the check ran (and found no session identifier); -8 that it was
 // refused before looking.
-TEST_F(WebCGISessionTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplianceSaysSo) {
+TEST_F(WebCGIAuthFileTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplianceSaysSo) {
   struct Case {
     const char* conf;  // null: no appliance settings file
     const char* auth;  // null: no auth file; "/": a directory in its place
@@ -140,7 +140,7 @@ TEST_F(WebCGISessionTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplian
       {"refuse_unreadable_auth=\"yes\"\n", R"({"privilege":"admin"})", -5},
       {"refuse_unreadable_auth=\"no\"\n", R"({"privilege":"adm)", -5},
   };
-  openlog("WebCGISessionTest", LOG_PERROR, LOG_USER);  // a copy of each log line on stderr
+  openlog("WebCGIAuthFileTest", LOG_PERROR, LOG_USER);  // a copy of each log line on stderr
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.conf ? c.conf : "no settings") + " / " + (c.auth ? c.auth : "no file"));
     std::filesystem::remove(root() / "etc/meroinfo.conf");
@@ -169,14 +169,14 @@ TEST_F(WebCGISessionTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplian
   EXPECT_EQ(cgi.CheckAuthorized(), -5);
 }
 
-TEST_F(WebCGISessionTest, OverlongNameFallsBackToZel) {
+TEST_F(WebCGIAuthFileTest, OverlongNameFallsBackToZel) {
   WriteAuth("zel", R"({"timeout": 77})");
   MERO::WebCGI cgi(std::string(4066, 'a').c_str(), false);
   EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "zel");
   EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, 77);
 }
 
-TEST_F(WebCGISessionTest, LaterSettersAndRenamesInteractAsDocumented) {
+TEST_F(WebCGIAuthFileTest, LaterSettersAndRenamesInteractAsDocumented) {
   WriteAuth("zel", R"({"timeout": 60, "privilege": "p"})");
   MERO::WebCGI cgi("zel", false);
   MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
