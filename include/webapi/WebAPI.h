@@ -104,9 +104,6 @@ class WEBAPI_EXPORT WebAPI {
   Json::Value description;
   int errorCode = 0;
   Json::Value response;
-
- private:
-  friend struct WebAPITestPeer;  // defined by the unit tests only
 };
 
 }  // namespace MERO

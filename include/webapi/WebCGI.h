@@ -198,7 +198,7 @@ class WEBAPI_EXPORT WebCGI {
 
  private:
   friend class WebAPI;
-  friend struct WebCGITestPeer;  // defined by the unit tests only
+  friend class WebCGIPrivate;
   WebCGIPrivate* priv;
 };
 

@@ -10,6 +10,7 @@
 
 #include "../util/JsonParse.h"
 #include "merocgi.h"
+#include "webapi/WebCGI.h"
 
 namespace MERO {
 
@@ -65,6 +66,8 @@ class WebCGIPrivate {
   void LoadURL();
 
   MEROCGI_STATE* State() { return &cgiState.state; }
+  // The state behind a context, for code inside the library.
+  static WebCGIPrivate& Of(WebCGI& cgi) { return *cgi.priv; }
 
   Json::Value jsonParams;
   CgiStateHolder cgiState;

@@ -6,11 +6,10 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 
 namespace {
 
-using MERO::WebCGITestPeer;
 using webapi_test::WriteRootFile;
 
 class WebCGIAuthFileTest : public webapi_test::ApplianceRootTest {
@@ -23,7 +22,7 @@ class WebCGIAuthFileTest : public webapi_test::ApplianceRootTest {
 
 TEST_F(WebCGIAuthFileTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
   MERO::WebCGI cgi("NoSuchApp", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
   EXPECT_EQ(p.sessionName, "zel");
   EXPECT_TRUE(p.privilege.empty());
   EXPECT_TRUE(p.appPortals.isNull());
@@ -35,7 +34,7 @@ TEST_F(WebCGIAuthFileTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
 TEST_F(WebCGIAuthFileTest, NamesAreFoldedForFilesButKeptAsGiven) {
   WriteAuth("myapp", R"({"timeout": 45, "privilege": "portal_admin"})");
   MERO::WebCGI cgi("MyApp", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
   EXPECT_EQ(p.sessionName, "MyApp");
   EXPECT_STREQ(p.State()->registry, "myapp.current.users");
   EXPECT_EQ(p.State()->sessionTimeout, 45);
@@ -47,8 +46,8 @@ TEST_F(WebCGIAuthFileTest, NamesAreFoldedForFilesButKeptAsGiven) {
 
   WriteAuth("zel", "{}");
   MERO::WebCGI nullName(nullptr, false);
-  EXPECT_EQ(WebCGITestPeer::Priv(nullName).sessionName, "zel");
-  EXPECT_STREQ(WebCGITestPeer::Priv(nullName).State()->registry, "zel.current.users");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(nullName).sessionName, "zel");
+  EXPECT_STREQ(MERO::WebCGIPrivate::Of(nullName).State()->registry, "zel.current.users");
 }
 
 TEST_F(WebCGIAuthFileTest, TimeoutIsMappedFromTheAuthFile) {
@@ -65,7 +64,7 @@ TEST_F(WebCGIAuthFileTest, TimeoutIsMappedFromTheAuthFile) {
     SCOPED_TRACE(c.json);
     WriteAuth("app", c.json);
     MERO::WebCGI cgi("app", false);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, c.want);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->sessionTimeout, c.want);
   }
 }
 
@@ -91,37 +90,37 @@ TEST_F(WebCGIAuthFileTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSett
     if (c.conf) WriteApplianceConf(c.conf);
     WriteAuth("app", c.json);
     MERO::WebCGI cgi("app", false);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->skipCheckIP, c.wantSkip);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->skipCheckIP, c.wantSkip);
   }
 }
 
 TEST_F(WebCGIAuthFileTest, AppPortalsAndWrongTypesCountAsAbsent) {
   WriteAuth("app", R"({"privilege":"portal_admin","app_portals":[]})");
   MERO::WebCGI withEmpty("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(withEmpty).appPortals, Json::Value(Json::arrayValue));
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(withEmpty).appPortals, Json::Value(Json::arrayValue));
 
   WriteAuth("app", R"({"privilege":7,"app_portals":"x","ip_checking":1})");
   MERO::WebCGI wrongTypes("app", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(wrongTypes);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(wrongTypes);
   EXPECT_TRUE(p.privilege.empty());
   EXPECT_TRUE(p.appPortals.isNull());
   EXPECT_EQ(p.sessionName, "app");
 
   WriteAuth("app", R"([1,2])");  // JSON, but not an object: every key absent
   MERO::WebCGI notObject("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(notObject).sessionName, "app");
-  EXPECT_EQ(WebCGITestPeer::Priv(notObject).State()->sessionTimeout, 10080);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(notObject).sessionName, "app");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(notObject).State()->sessionTimeout, 10080);
 
   WriteAuth("app", R"({"timeout": )");  // not JSON: the platform defaults under "zel"
   MERO::WebCGI broken("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(broken).sessionName, "zel");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(broken).sessionName, "zel");
 }
 
 TEST_F(WebCGIAuthFileTest, TextAfterTheAuthFilesDocumentIsIgnored) {
   WriteAuth("app", "{\"privilege\":\"admin\"}\n}\n");  // a stray line after a valid file
   MERO::WebCGI cgi("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "app");
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).privilege, "admin");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).sessionName, "app");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).privilege, "admin");
 }
 
 // -5 means the check ran (and found no session identifier); -8 that it was
@@ -172,14 +171,14 @@ TEST_F(WebCGIAuthFileTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplia
 TEST_F(WebCGIAuthFileTest, OverlongNameFallsBackToZel) {
   WriteAuth("zel", R"({"timeout": 77})");
   MERO::WebCGI cgi(std::string(4066, 'a').c_str(), false);
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "zel");
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, 77);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).sessionName, "zel");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->sessionTimeout, 77);
 }
 
 TEST_F(WebCGIAuthFileTest, LaterSettersAndRenamesInteractAsDocumented) {
   WriteAuth("zel", R"({"timeout": 60, "privilege": "p"})");
   MERO::WebCGI cgi("zel", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
 
   cgi.SetErrorLog(false);
   EXPECT_EQ(p.loginFlags, 15u | 16u);

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 #include "merocore.h"
 #include "webapi/JsonValue.h"
 
@@ -53,7 +53,7 @@ TEST_F(WebCGIParamsTest, JsonLinesBecomeJsonParamsAndFormLinesTheTable) {
     } else {
       EXPECT_EQ(cgi.In("version", nullptr), nullptr);
     }
-    EXPECT_TRUE(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded);
+    EXPECT_TRUE(MERO::WebCGIPrivate::Of(cgi).paramsLoaded);
   }
   Get(R"({"api":"x","version":1})");
   MERO::WebCGI cgi("zel", true);
@@ -107,7 +107,7 @@ TEST_F(WebCGIParamsTest, JsonLinesHoldingTooManyValuesAreRefusedWhole) {
     Get(line.c_str());
     MLIBCErrSetEx(MERO_ERR_NONE, "", 0);
     MERO::WebCGI cgi("zel", true);
-    EXPECT_EQ(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded, c.loaded);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).paramsLoaded, c.loaded);
     EXPECT_EQ(cgi.In() ? cgi.In()->size() : 0u, c.loaded ? c.zeros : 0u);
     EXPECT_EQ(cgi.In(line.c_str(), nullptr), nullptr);  // not read as a form either
     EXPECT_EQ(MLIBCErrGet(), c.loaded ? MERO_ERR_NONE : MERO_ERR_REQUEST_TOO_LARGE);
@@ -116,7 +116,7 @@ TEST_F(WebCGIParamsTest, JsonLinesHoldingTooManyValuesAreRefusedWhole) {
 
 TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
   MERO::WebCGI empty("zel", true);
-  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(empty).paramsLoaded);
+  EXPECT_FALSE(MERO::WebCGIPrivate::Of(empty).paramsLoaded);
   Get("a=1");
   EXPECT_TRUE(empty.LoadIn());  // a later call tries again
   EXPECT_STREQ(empty.In("a", nullptr), "1");
@@ -129,14 +129,14 @@ TEST_F(WebCGIParamsTest, LoadInRunsOnceAndOnlyWhenThereIsALine) {
 
   Get("a=1&api=x%00y");  // refused whole: nothing stored, not loaded
   MERO::WebCGI refused("zel", true);
-  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(refused).paramsLoaded);
+  EXPECT_FALSE(MERO::WebCGIPrivate::Of(refused).paramsLoaded);
   EXPECT_FALSE(refused.LoadIn());
   EXPECT_EQ(refused.In("a", nullptr), nullptr);
 }
 
 TEST_F(WebCGIParamsTest, SetInCreatesTheTableAndReplacesValues) {
   MERO::WebCGI cgi("zel", false);
-  EXPECT_EQ(MERO::WebCGITestPeer::Priv(cgi).State()->paramTable, nullptr);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->paramTable, nullptr);
   ASSERT_TRUE(cgi.SetIn("a", "1"));
   EXPECT_STREQ(cgi.In("a", nullptr), "1");
   ASSERT_TRUE(cgi.SetIn("a", "2"));
@@ -150,7 +150,7 @@ TEST_F(WebCGIParamsTest, UploadsLeaveTheirParametersToTheUploadPath) {
   setenv("QUERY_STRING", "a=1", 1);
   MERO::WebCGI cgi("zel", true);
   EXPECT_TRUE(cgi.IsUploadRequest());
-  EXPECT_FALSE(MERO::WebCGITestPeer::Priv(cgi).paramsLoaded);
+  EXPECT_FALSE(MERO::WebCGIPrivate::Of(cgi).paramsLoaded);
 }
 
 }  // namespace
