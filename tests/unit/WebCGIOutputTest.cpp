@@ -21,7 +21,7 @@ TEST_F(Output, RecordsHeadersAndCookiesAndShowsThemAsJson) {
   EXPECT_NE(cgi.AddHeader("X-Trace", "a \"quoted\" \\ value\t!"), 0);
   EXPECT_NE(cgi.AddHeader("Cache-Control", "no-store"), 0);
   EXPECT_NE(cgi.AddHeader("cache-control", "no-cache"), 0);  // same header, any case
-  ASSERT_TRUE(cgi.AddCookieToHeader("/webman", "id", "abc123"));
+  ASSERT_TRUE(cgi.AddCookieToHeader("/api", "id", "abc123"));
   ASSERT_TRUE(cgi.AddCookieToHeader(nullptr, "theme", "\"dark\""));
 
   Json::Value headers;
@@ -30,7 +30,7 @@ TEST_F(Output, RecordsHeadersAndCookiesAndShowsThemAsJson) {
   EXPECT_EQ(cgi.GetHeaders(), headers);
   EXPECT_EQ(cgi.GetSetHeaders(), headers);
   Json::Value cookies;
-  cookies["id"] = "id=abc123; Path=/webman; HttpOnly; SameSite=Strict";
+  cookies["id"] = "id=abc123; Path=/api; HttpOnly; SameSite=Strict";
   cookies["theme"] = "theme=\"dark\"; Path=/; HttpOnly; SameSite=Strict";
   EXPECT_EQ(cgi.GetSetCookies(), cookies);
 
