@@ -147,8 +147,10 @@ MERO_EXPORT int MeroCgiIsUploadRequest(void);
 
 /* Parses HTTP_COOKIE into the state's request cookies, per RFC 6265 section
  * 5.4 as browsers send it: pairs separated by ';', blanks around them
- * ignored, the name up to the first '=', a value in double quotes loses the
- * quotes, no percent-decoding. Where a name repeats, the first pair wins
+ * ignored, the name up to the first '=', no percent-decoding. A value that
+ * is one string in double quotes ("a b", no quote inside) loses the quotes;
+ * any other value is kept as it came, quotes and all ("zzz "   "ppp" stays
+ * exactly that, and so does "a"b"). Where a name repeats, the first pair wins
  * (browsers list the most specific cookie first). Pairs without '=' or a
  * name, and pairs with a control byte (0x00-0x1F, 0x7F), are skipped, with
  * one log line per header. A header longer than
