@@ -75,8 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(loaded == rc);
 
   // Without blanks or control bytes the cookies are exactly the header split
-  // at ';' and the first '=', quotes around a value dropped, the first pair
-  // of a name winning.
+  // at ';' and the first '=', the quotes around a value holding no other
+  // quote dropped, the first pair of a name winning.
   const bool plain = std::none_of(header.begin(), header.end(), [](char c) {
     const unsigned char u = static_cast<unsigned char>(c);
     return IsOws(c) || u < 0x20 || u == 0x7f;
@@ -88,7 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const size_t eq = header.find('=', start);
       if (eq < end && eq > start) {
         std::string value = header.substr(eq + 1, end - eq - 1);
-        if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+        if (value.size() >= 2 && value.front() == '"' && value.back() == '"' &&
+            value.find('"', 1) == value.size() - 1)
           value = value.substr(1, value.size() - 2);
         want.emplace(header.substr(start, eq - start), value);
       }

@@ -23,6 +23,13 @@ rm -rf "$work/root" "$work/cgi"
 mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
+# Only the user the programs run as may open the description and auth files:
+# a process that can open one can also hold its lock past the read's
+# time-out. And an auth file that cannot be read refuses every session
+# instead of falling back to defaults that ask for no privilege.
+chmod 0700 "$work/root/usr/mero/meroman/webapi"
+chmod 0600 "$work/root/usr/mero/meroman/webapi"/*
+printf 'refuse_unreadable_auth="yes"\n' >"$work/root/etc/meroinfo.conf"
 for program in sysinfo settings maintenance auth preferences; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done

@@ -22,7 +22,8 @@
 //   102  the API is not described (or its entry lacks minVersion/maxVersion)
 //   103  the method is not offered in that version
 //   104  the version is outside [minVersion, maxVersion]
-//   105  no valid session (no session id, unknown session, missing privilege, ...)
+//   105  no valid session (no session id, unknown session, missing privilege,
+//        an auth file that cannot be read where the appliance refuses then, ...)
 //   106  the session expired
 //   107  the session was ended by another login or is used from another address
 //   126  sharing link refused (sharing checks)
@@ -103,9 +104,6 @@ class WEBAPI_EXPORT WebAPI {
   Json::Value description;
   int errorCode = 0;
   Json::Value response;
-
- private:
-  friend struct WebAPITestPeer;  // defined by the unit tests only
 };
 
 }  // namespace MERO

@@ -51,27 +51,39 @@ constexpr int kReadLockPollMicros = 50000;
 // Seconds SaveJsonFile waits for the writer's lock.
 constexpr int kSaveLockTimeoutSeconds = 15;
 
-// Reads the JSON document in `path` into `value`.
-//   true   the file was opened, locked and parsed; `value` holds it
-//          (comments are accepted and dropped).
+// Reads the JSON document in `path` into `value`, as jsoncpp's Reader
+// parses a file: comments are accepted and dropped, and whatever follows
+// the document is ignored (a stray character after a hand-edited file does
+// not make it unreadable). Request text is held to JSON itself instead
+// (MERO::JsonValue::fromString).
+//   true   the file was opened, locked and its document parsed; `value`
+//          holds it.
 //   false  `path` is null; the file cannot be opened (it does not exist:
 //          no waiting); the shared lock was not had within kReadLockAttempts
-//          (`value` untouched); or the text is not JSON (nested deeper than
-//          MERO::JsonValue::kMaxJsonDepth counts as not JSON). After a parse
-//          failure `value` holds whatever the parser left: discard it.
+//          (`value` untouched); or the file does not begin with a JSON
+//          document (brackets nested deeper than
+//          MERO::JsonValue::kMaxJsonDepth anywhere count as not JSON). After
+//          a parse failure `value` holds whatever the parser left: discard
+//          it.
 // The lock and the descriptor are released on every path. A FIFO or other
 // file that cannot be read at once gives false, never a wait.
 WEBAPI_EXPORT bool ReadJsonFile(Json::Value& value, const char* path);
 
 // Writes `value` to `path` as one line of compact JSON ended by a line feed
 // (Json::FastWriter), creating the file when it does not exist (mode 0644
-// before the umask).
-//   true   the lock was taken and the whole text written.
-//   false  the lock was not had within kSaveLockTimeoutSeconds or the file
-//          could not be opened: the file is untouched. Also false when a
-//          write fails after the file was emptied (disk full): the file may
-//          then be short.
-// The file is emptied only after the lock is held, and rewritten in place.
+// before the umask). The file is rewritten in place under the lock (no
+// temporary file), and never cut before the new text is whole in it.
+//   true   the lock was taken and the file holds exactly the new text.
+//   false  the lock was not had within kSaveLockTimeoutSeconds, the file
+//          could not be opened, or the space for the new text could not be
+//          had (disk full, file-size limit): the old document is whole (on
+//          a file system without fallocate, possibly followed by zero bytes).
+//          Also false, very unlikely, when the write or the final cut
+//          failed after the space was had.
+// A process killed during a save leaves the old document or the new one,
+// either possibly followed by bytes that ReadJsonFile ignores; the new text
+// is written in one call, which the kernel can stop between memory pages
+// (4 KiB): a killed writer of a longer text can leave it cut there.
 WEBAPI_EXPORT bool SaveJsonFile(Json::Value& value, const char* path);
 
 // ---- Scalars and environment ------------------------------------------------

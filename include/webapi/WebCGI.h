@@ -12,6 +12,8 @@
 //   parameters in one line                  65536   MERO_CGI_MAX_PARAMS
 //   Cookie header                           16 KiB  MERO_CGI_MAX_COOKIE_HEADER_BYTES
 //   nesting of a JSON parameter line        512     MERO::JsonValue::kMaxJsonDepth
+//   values in a JSON parameter line         one per 16 bytes, at least 4096
+//                                                   MERO::JsonValue::MaxJsonParamValues
 // After a refusal MLIBCErrGet() tells which (merocore.h, MERO_ERR_REQUEST_*).
 #ifndef WEBAPI_WEBCGI_H
 #define WEBAPI_WEBCGI_H
@@ -37,7 +39,11 @@ class WEBAPI_EXPORT WebCGI {
   // `sessionName` (null means "zel") from its auth file
   // "<root>/usr/mero/meroman/webapi/<name>.auth" (name folded to lower case),
   // falling back to the platform defaults under the name "zel" when that
-  // file is missing or not JSON; loads the request's cookies; then, when
+  // file is missing or cannot be read (not JSON, or locked by another
+  // process for longer than ReadJsonFile waits). With the appliance setting
+  // refuse_unreadable_auth="yes" in "<root>/etc/meroinfo.conf", a file that
+  // exists but cannot be read makes every CheckAuthorized refuse (-9)
+  // instead. Loads the request's cookies; then, when
   // `loadParams` is true and the request is not an upload, the parameters
   // (LoadIn). Reports no error: a refused request simply has no parameters.
   WebCGI(const char* sessionName, bool loadParams);
@@ -49,7 +55,9 @@ class WEBAPI_EXPORT WebCGI {
   // Re-reads the session configuration for `name` on the live context. It
   // resets the login flags and overwrites the session time-out and the
   // source-IP setting, so SetCgiTimeout / SetSkipCheckIP must come after it.
-  // With no usable auth file only the session name changes, to "zel".
+  // With no usable auth file only the session name changes, to "zel" (and
+  // checks are refused, as at construction, when the file exists but cannot
+  // be read and the appliance says so).
   void SetSessionName(const char* name);
   // Stores the source-IP setting of the session check (no platform call).
   void SetSkipCheckIP(bool skip);
@@ -68,9 +76,13 @@ class WEBAPI_EXPORT WebCGI {
   // characters of the id), else the `id` cookie. Results:
   //   positive  authorized; GetLoginUserName() names the user
   //   -5        the request carries no session identifier
+  //   -9        the session name's auth file exists but could not be read,
+  //             and the appliance refuses sessions then (see the
+  //             constructor); logged on every check
   //   other     the platform's refusal (merocgi.h, MERO_SESSION_*): -1
   //             expired, -3 ended by another login or used from another
-  //             address, ...
+  //             address, -8 a state-changing request without the CSRF
+  //             token or our own Origin (auth file "csrf_protection"), ...
   // A session unknown to the configured registry is looked up once more in
   // the default registry "current.users".
   int CheckAuthorized();
@@ -189,8 +201,9 @@ class WEBAPI_EXPORT WebCGI {
   //          else was decoded as a form into the parameter table.
   //   false  already loaded (nothing changes), or the request has no
   //          parameter line, or its line was refused (see the limits above;
-  //          also a form line with a %00 escape): no parameter was stored,
-  //          and a later call tries again.
+  //          also a form line with a %00 escape, and a JSON line with more
+  //          values than it may hold, logged): no parameter was stored, and
+  //          a later call tries again.
   // A line that looks like JSON ('{' or '[' first) but does not parse is
   // logged and then decoded as a form, as any other non-JSON line.
   bool LoadIn();
@@ -284,7 +297,7 @@ class WEBAPI_EXPORT WebCGI {
 
  private:
   friend class WebAPI;
-  friend struct WebCGITestPeer;  // defined by the unit tests only
+  friend class WebCGIPrivate;
   WebCGIPrivate* priv;
 };
 

@@ -150,8 +150,10 @@ MERO_EXPORT int MeroCgiIsUploadRequest(void);
 
 /* Parses HTTP_COOKIE into the state's request cookies, per RFC 6265 section
  * 5.4 as browsers send it: pairs separated by ';', blanks around them
- * ignored, the name up to the first '=', a value in double quotes loses the
- * quotes, no percent-decoding. Where a name repeats, the first pair wins
+ * ignored, the name up to the first '=', no percent-decoding. A value that
+ * is one string in double quotes ("a b", no quote inside) loses the quotes;
+ * any other value is kept as it came, quotes and all ("zzz "   "ppp" stays
+ * exactly that, and so does "a"b"). Where a name repeats, the first pair wins
  * (browsers list the most specific cookie first). Pairs without '=' or a
  * name, and pairs with a control byte (0x00-0x1F, 0x7F), are skipped, with
  * one log line per header. A header longer than
@@ -217,8 +219,13 @@ MERO_EXPORT int MeroCgiPrintHTTPHeader(MEROCGI_STATE* state);
 
 /* Answers with a redirection: records "Status: 302 Found" and
  * "Location: url" and prints the header block. `url` must be a valid header
- * value (no control byte, so no CR or LF). Returns 1 when printed, 0 when the
- * URL is refused (nothing printed, log line) or printing failed. */
+ * value (no control byte, so no CR or LF). Returns 1 when printed, 0 when
+ * the URL is refused or the two headers would not fit within
+ * MERO_CGI_MAX_RESPONSE_HEADERS (nothing recorded or printed, log line), or
+ * printing failed. Should memory run out between the two, Status is put
+ * back as it was, or becomes "500 Internal Server Error" when there was
+ * none: a recorded header cannot be removed, and a 302 must never go out
+ * without its Location. */
 MERO_EXPORT int MeroCgiRedirect(MEROCGI_STATE* state, const char* url);
 
 /* Renders the pairs of *table as a JSON object text (keys in slot order;
@@ -254,22 +261,34 @@ MERO_EXPORT const char* MeroCgiGetLang(MEROCGI_STATE* state);
  * current-users registry name of its session name), user, client address,
  * created, last seen, lifetime (seconds from creation; 0 none), CSRF token
  * (option 2), login state (option 13: "1" active, "2" ended by another
- * login) and privileges (words separated by blanks).
+ * login), privileges (words separated by blanks) and the widest time-out a
+ * check has applied to it.
  *
  * Readers never wait and never see a half-written record; writers take
  * turns (one write transaction at a time, across processes). At most
  * MERO_CGI_SESSION_MAX_READERS processes read at once (the slots of killed
  * readers are freed when the table fills). The store holds at most
  * MERO_CGI_SESSION_STORE_BYTES of data, some three million sessions (the
- * file grows with use); each new session removes those past their
- * lifetime, and a write beyond the limit fails with
- * MERO_SESSION_STORE_ERROR (logged: purge idle sessions then). */
+ * file grows with use), and a write beyond the limit fails with
+ * MERO_SESSION_STORE_ERROR (logged: purge idle sessions then). The store
+ * also expires sessions itself, with no full scan: each new session looks
+ * at MERO_CGI_SESSION_EXPIRY_BATCH stored ones from a random place and
+ * removes those that have expired, past their lifetime or idle past the
+ * widest time-out a check has applied to them (with the rule of
+ * MERO_CGI_SESSION_TOUCH_SECONDS; MERO_CGI_DEFAULT_SESSION_TIMEOUT for one
+ * no check has seen). Under steady logins the expired ones that wait to be
+ * found are thus about one in that many sessions stored. */
 #define MERO_CGI_SESSION_DB "/var/lib/merocgi/sessions.mdb"
 #define MERO_CGI_SESSION_STORE_BYTES (1024LL * 1024 * 1024)
+/* Stored sessions each new one looks at for expired ones to remove. */
+#define MERO_CGI_SESSION_EXPIRY_BATCH 16
 #define MERO_CGI_SESSION_MAX_READERS 1024
-/* Last-seen times are written at most this often per session: a check within
- * this many seconds of the last write only reads (within half the idle limit
- * when that is shorter, so a session in use never idles out). */
+/* Last-seen times are written at most this often per session, or every
+ * tenth of the idle limit when that is shorter: a check within that
+ * interval of the last write only reads. A use it does not write is
+ * allowed for: a session idles out only when the time since its last
+ * recorded use passes the idle limit plus that interval, so one in use
+ * never idles out, and one left alone does so at most that interval late. */
 #define MERO_CGI_SESSION_TOUCH_SECONDS 60
 #define MERO_CGI_SESSION_ID_CHARS 43
 /* A session's CSRF token: 192 random bits as URL-safe base64. */
@@ -300,7 +319,8 @@ typedef struct _tag_MEROCGI_AUTH_OPTIONS {
  *   found in the registry             else MERO_SESSION_UNKNOWN
  *   not ended by another login        else MERO_SESSION_ENDED
  *   within its lifetime, and used within sessionTimeout minutes of its last
- *   use (timeout 0: no idle limit; negative: always expired)
+ *   use (timeout 0: no idle limit; negative: always expired; see
+ *   MERO_CGI_SESSION_TOUCH_SECONDS for when it idles out)
  *                                     else MERO_SESSION_EXPIRED
  *   from its client address, REMOTE_ADDR, compared as addresses (unless
  *   skipCheckIP)                      else MERO_SESSION_ENDED
@@ -314,7 +334,7 @@ typedef struct _tag_MEROCGI_AUTH_OPTIONS {
  *   as MeroRequestIsHttps says)
  *                                     else MERO_SESSION_CSRF_REFUSED
  * and returns MERO_SESSION_AUTHORIZED, the last use becoming now (written at
- * most every MERO_CGI_SESSION_TOUCH_SECONDS). Whenever the session was
+ * most every MERO_CGI_SESSION_TOUCH_SECONDS, or tenth of the idle limit). Whenever the session was
  * found, whatever the result, its user name is written into `user` (cut to
  * userSize - 1 bytes, zero-ended); when it was not found `user` is left as
  * it was. MERO_SESSION_STORE_ERROR when the store cannot be read;

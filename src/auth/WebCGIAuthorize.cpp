@@ -1,17 +1,21 @@
 // Session authorization: which session identifier the request presents, the
 // platform's answer for it, and one retry against the default registry.
+#include <syslog.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "../cgi/WebCGIPrivate.h"
+#include "../util/LogSource.h"
 #include "webapi/WebCGI.h"
 
 namespace MERO {
 namespace {
 
 constexpr int kNoSessionId = -5;
+constexpr int kAuthFileUnreadable = -9;
 constexpr size_t kUserBufferBytes = 493;
 constexpr size_t kSidCookieBytes = 125;
 constexpr const char kFallbackRegistry[] = "current.users";
@@ -44,6 +48,11 @@ int WebCGIPrivate::IsAuthorized() {
 }
 
 int WebCGIPrivate::CheckAuthorized() {
+  if (!unreadableAuthFile.empty()) {
+    syslog(LOG_ERR, "%s:%d auth file %s exists but could not be read; session refused",
+           detail::kWebCgiSource, __LINE__, unreadableAuthFile.c_str());
+    return kAuthFileUnreadable;
+  }
   const int first = IsAuthorized();
   if (first >= 0) return first;
   if (!loginUser.empty()) return first;  // found, but refused: another registry cannot help

@@ -1,7 +1,6 @@
 // Where the browser addressed the request: protocol, host and port, derived
 // once per request from the CGI environment; the same-origin test of Host
 // against Referer; application portals.
-#include <strings.h>
 #include <syslog.h>
 
 #include <cstdlib>
@@ -10,6 +9,7 @@
 
 #include "../util/LogSource.h"
 #include "WebCGIPrivate.h"
+#include "merocore.h"
 #include "webapi/WebAPIUtil.h"
 #include "webapi/WebCGI.h"
 
@@ -70,14 +70,9 @@ bool GetWholeEnv(const char* name, char* buf) {
 
 }  // namespace
 
-void WebCGIPrivate::ParseProtocol() {
-  std::string result = "http";
-  const char* https = std::getenv("HTTPS");
-  if (https && strcasecmp(https, "on") == 0) result = "https";
-  const char* forwarded = std::getenv("HTTP_X_FORWARDED_PROTO");
-  if (forwarded && strcasecmp(forwarded, "https") == 0) result = "https";
-  protocol = result;
-}
+// The platform's one rule, which also decides the Secure cookie flag and
+// Strict-Transport-Security, so that the three never disagree.
+void WebCGIPrivate::ParseProtocol() { protocol = MeroRequestIsHttps() ? "https" : "http"; }
 
 bool WebCGIPrivate::ParseHostAndPort(const std::string& url, std::string& hostOut,
                                      std::string& portOut) {

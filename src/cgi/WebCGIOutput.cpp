@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "../util/JsonParse.h"
 #include "../util/JsonText.h"
 #include "../util/LogSource.h"
 #include "WebCGIPrivate.h"
@@ -52,7 +53,7 @@ Json::Value TableAsJson(MLIBSZHASH** table) {
   if (!*table) return result;
   mero::UniqueCText text(MeroCgiHashToJsonString(table));
   if (!text) return result;
-  detail::ReaderParse(text.get(), std::strlen(text.get()), result, true);
+  detail::ParseJson(text.get(), std::strlen(text.get()), result);
   return result;
 }
 

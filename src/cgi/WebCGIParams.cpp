@@ -5,30 +5,40 @@
 #include <cerrno>
 #include <cstring>
 
-#include "../util/JsonText.h"
+#include "../util/JsonParse.h"
 #include "../util/LogSource.h"
 #include "WebCGIPrivate.h"
 #include "mero_owners.h"
+#include "webapi/JsonValue.h"
 #include "webapi/WebCGI.h"
 
 namespace MERO {
 
 using detail::kWebCgiSource;
 
-bool WebCGIPrivate::LoadJSONParam(char* line) {
-  return detail::ReaderParse(line, std::strlen(line), jsonParams, true);
+detail::JsonParseResult WebCGIPrivate::LoadJSONParam(char* line) {
+  const size_t length = std::strlen(line);
+  return detail::ParseJson(line, length, jsonParams, JsonValue::MaxJsonParamValues(length), true);
 }
 
 bool WebCGI::LoadIn() {
   if (priv->paramsLoaded) return false;
   mero::UniqueCText line(MeroCgiGetParamLine());
   if (!line) return false;
-  if (!priv->LoadJSONParam(line.get())) {
+  const detail::JsonParseResult json = priv->LoadJSONParam(line.get());
+  if (json == detail::JsonParseResult::kTooManyValues) {
+    // Each value costs jsoncpp some 100 bytes: beyond the limit a body would
+    // cost the process far more than its own size.
+    syslog(LOG_ERR, "%s:%d refused JSON parameter line: more than %zu values", kWebCgiSource,
+           __LINE__, JsonValue::MaxJsonParamValues(std::strlen(line.get())));
+    MERO_ERR_SET(MERO_ERR_REQUEST_TOO_LARGE);
+    return false;
+  }
+  if (json != detail::JsonParseResult::kParsed) {
     const char first = line.get()[strspn(line.get(), " \t\r\n")];
     if (first == '{' || first == '[')
       syslog(LOG_ERR, "%s:%d parameter line starts like JSON but is not JSON; read as a form",
              kWebCgiSource, __LINE__);
-    priv->jsonParams = Json::Value();  // what a failed parse left is not the request's
     // A refused line (NUL escape, too many pairs) was logged by the platform
     // and stored nothing: the request has no parameters.
     if (MeroCgiParseCGIParam(priv->State(), line.get()) < 0) return false;

@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <string>
 
+#include "../util/JsonParse.h"
 #include "merocgi.h"
+#include "webapi/WebCGI.h"
 
 namespace MERO {
 
@@ -42,7 +44,10 @@ class WebCGIPrivate {
 
   void SetSessionName(const char* name, bool init);
   void SetErrorLog(bool enable);
-  bool LoadJSONParam(char* line);
+  // Parses `line` as JSON into jsonParams, keeping its comments, within
+  // the values a line of its length may hold; jsonParams is null unless
+  // the result is kParsed.
+  detail::JsonParseResult LoadJSONParam(char* line);
 
   bool IsAdmin() const;
   bool CheckAllowUser() const;
@@ -65,6 +70,8 @@ class WebCGIPrivate {
   void LoadURL();
 
   MEROCGI_STATE* State() { return &cgiState.state; }
+  // The state behind a context, for code inside the library.
+  static WebCGIPrivate& Of(WebCGI& cgi) { return *cgi.priv; }
 
   Json::Value jsonParams;
   CgiStateHolder cgiState;
@@ -87,6 +94,10 @@ class WebCGIPrivate {
   int port = 0;
   std::string protocol;
   Json::Value allowUsers;
+  // The auth file that exists but could not be read, when the appliance
+  // settings refuse every session check then ("refuse_unreadable_auth");
+  // empty otherwise.
+  std::string unreadableAuthFile;
 };
 
 }  // namespace MERO

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "../util/LogSource.h"
+#include "../util/LogText.h"
 #include "ErrorCodes.h"
 #include "webapi/WebAPI.h"
 #include "webapi/WebAPIUtil.h"
@@ -38,7 +39,8 @@ bool WebAPI::CheckRequestParam(const char* apiText, const char* methodText,
     return false;
   }
   if (!entry.isObject() || !entry.isMember("minVersion") || !entry.isMember("maxVersion")) {
-    syslog(LOG_ERR, "%s:%d Bad API(%s) description.", detail::kWebApiSource, __LINE__, apiText);
+    syslog(LOG_ERR, "%s:%d Bad API(%s) description.", detail::kWebApiSource, __LINE__,
+           detail::LoggedText(apiText).c_str());
     SetError(kErrorUnknownApi);
     return false;
   }

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "LogSource.h"
+#include "LogText.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace MERO {
@@ -40,7 +41,7 @@ int ScanVersion(const char* agent, const char* from, _tag_mero_browser_info_* in
   while (*from && !IsDigit(*from)) ++from;
   if (!*from) {
     syslog(LOG_ERR, "%s(%d): not supported browser type, USER_AGENT: %s", detail::kWebApiUtilSource,
-           __LINE__, agent);
+           __LINE__, detail::LoggedText(agent).c_str());
     return -1;
   }
   size_t length = 0;
@@ -48,7 +49,7 @@ int ScanVersion(const char* agent, const char* from, _tag_mero_browser_info_* in
   if (length > kVersionChars) {
     std::memcpy(info->version, from, kVersionChars);
     syslog(LOG_ERR, "%s(%d): version size not enough, USER_AGENT: %s", detail::kWebApiUtilSource,
-           __LINE__, agent);
+           __LINE__, detail::LoggedText(agent).c_str());
     return -1;
   }
   std::memcpy(info->version, from, length);

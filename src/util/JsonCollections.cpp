@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "LogSource.h"
+#include "LogText.h"
 #include "webapi/JsonValue.h"
 #include "webapi/WebAPIUtil.h"
 
@@ -82,7 +83,8 @@ bool IsEmpty(const Json::Value& value) {
 Json::Value ParseJson(const std::string& text) {
   Json::Value value;
   if (!MERO::JsonValue::fromString(value, text)) {
-    syslog(LOG_ERR, "%s:%d %s is not JSON format", detail::kWebApiUtilSource, __LINE__, text.c_str());
+    syslog(LOG_ERR, "%s:%d %s is not JSON format", detail::kWebApiUtilSource, __LINE__,
+           detail::LoggedText(text).c_str());
     return Json::Value();
   }
   return value;

@@ -55,10 +55,13 @@ bool ReadAll(int fd, std::string& text) {
   }
 }
 
-bool WriteAll(int fd, const std::string& text) {
+// Writes `text` at the start of `fd`: in one call, unless the kernel
+// returns early.
+bool WriteAllAtStart(int fd, const std::string& text) {
   size_t done = 0;
   while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    const ssize_t n =
+        ::pwrite(fd, text.data() + done, text.size() - done, static_cast<off_t>(done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<size_t>(n);
@@ -77,7 +80,7 @@ bool ReadJsonFile(Json::Value& value, const char* path) {
   if (!TakeSharedLock(file.Get())) return false;
   std::string text;
   if (!ReadAll(file.Get(), text)) return false;
-  return detail::ReaderParse(text.data(), text.size(), value, false);
+  return detail::ReaderParse(text.data(), text.size(), value);
 }
 
 bool SaveJsonFile(Json::Value& value, const char* path) {
@@ -86,10 +89,18 @@ bool SaveJsonFile(Json::Value& value, const char* path) {
                                         lock.OutParam()))
     return false;
   const std::string text = detail::FastWrite(value);
-  // Emptied only now, under the lock; rewritten in place through the locked
-  // descriptor.
-  if (::ftruncate(lock.Get(), 0) != 0 || ::lseek(lock.Get(), 0, SEEK_SET) != 0) return false;
-  return WriteAll(lock.Get(), text);
+  const off_t length = static_cast<off_t>(text.size());
+  // Rewritten in place through the locked descriptor, and nothing of the
+  // old document is cut before the new one is whole: the space is reserved
+  // first (a full disk or a file-size limit fails here, the file as it
+  // was), the new text goes over the old, and only then is the rest cut
+  // off. A process killed between these steps leaves the old document, or
+  // the new one followed by the old one's tail, which readers ignore.
+  int reserved;
+  while ((reserved = ::posix_fallocate(lock.Get(), 0, length)) == EINTR) {
+  }
+  if (reserved != 0) return false;
+  return WriteAllAtStart(lock.Get(), text) && ::ftruncate(lock.Get(), length) == 0;
 }
 
 }  // namespace WebAPIUtil

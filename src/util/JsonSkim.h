@@ -1,7 +1,6 @@
-// A linear pre-scan of JSON text, done before jsoncpp sees it: jsoncpp
-// throws on nesting past its own stack limit, and its Reader accepts text
-// after the document. The scan checks only the outline (nesting depth, where
-// the document ends); jsoncpp still decides whether the text is JSON.
+// A linear pre-scan of a JSON file's text, done before jsoncpp's Reader
+// sees it: the Reader throws on nesting past its own stack limit. The scan
+// only measures the nesting; the Reader still decides what the text is.
 #ifndef WEBAPI_UTIL_JSONSKIM_H
 #define WEBAPI_UTIL_JSONSKIM_H
 
@@ -10,16 +9,10 @@
 namespace MERO {
 namespace detail {
 
-struct JsonOutline {
-  int maxDepth = 0;          // deepest nesting of [ and { outside strings
-  // Not exactly one document: text other than blanks and comments after it,
-  // brackets that do not balance, or a comment never closed.
-  bool notOneDocument = false;
-};
-
-// Outline of `text`. Strings, escapes and comments (// and /* */) are skipped
-// so brackets inside them do not count.
-JsonOutline SkimJson(const char* text, size_t length);
+// Deepest nesting of [ and { in `text`, outside strings and comments
+// (// and /* */), which are skipped so brackets inside them do not count.
+// Closing brackets never take it below zero.
+int JsonNestingDepth(const char* text, size_t length);
 
 }  // namespace detail
 }  // namespace MERO

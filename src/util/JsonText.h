@@ -9,13 +9,15 @@
 namespace MERO {
 namespace detail {
 
-// Parses [text, text + length) as one JSON document with Json::Reader's
-// default features (comments allowed, any root). False when it is not JSON:
-// also for text after the document, unbalanced brackets, an unclosed
-// comment or a scalar with junk ("7x"), which the plain Reader would accept
-// in part, and for nesting deeper than JsonValue::kMaxJsonDepth, where
-// jsoncpp would throw.
-bool ReaderParse(const char* text, size_t length, Json::Value& value, bool collectComments);
+// Parses [text, text + length) as Json::Reader::parse does with its default
+// features and without collecting comments: the first document counts and
+// whatever follows it is ignored. False when that document is not JSON, and
+// when any bracket outside strings and comments nests deeper than
+// JsonValue::kMaxJsonDepth, where jsoncpp would throw. For files, which an
+// operator writes by hand (a stray character after the document must not
+// turn a readable file into a missing one). Request text goes through
+// ParseJson (JsonParse.h) instead.
+bool ReaderParse(const char* text, size_t length, Json::Value& value);
 
 // Json::FastWriter: compact, one line, ended by a line feed.
 std::string FastWrite(const Json::Value& value);

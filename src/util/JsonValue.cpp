@@ -2,17 +2,13 @@
 // never throws on bad input and accepts exactly one document.
 #include "webapi/JsonValue.h"
 
-#include "JsonText.h"
+#include "JsonParse.h"
 
 namespace MERO {
 namespace JsonValue {
 
 bool fromString(Json::Value& value, const std::string& text) {
-  if (!detail::ReaderParse(text.data(), text.size(), value, false)) {
-    value = Json::Value();
-    return false;
-  }
-  return true;
+  return detail::ParseJson(text.data(), text.size(), value) == detail::JsonParseResult::kParsed;
 }
 
 }  // namespace JsonValue

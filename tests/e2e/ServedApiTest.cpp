@@ -267,6 +267,29 @@ TEST_F(ServedApiTest, EachValidationAndSessionError) {
   }
 }
 
+// A session of the default registry is what the platform defaults admit
+// when an auth file cannot be read; it must never reach an API that asks
+// for a privilege.
+TEST_F(ServedApiTest, AuthFilesOnlyTheServerOpensNeverFallBackToNoPrivilege) {
+  const fs::path dir = work_ / "root/usr/mero/meroman/webapi";
+  const fs::perms others = fs::perms::group_all | fs::perms::others_all;
+  EXPECT_EQ(fs::status(dir).permissions() & others, fs::perms::none);
+  for (const auto& entry : fs::directory_iterator(dir))
+    EXPECT_EQ(entry.status().permissions() & others, fs::perms::none) << entry.path();
+
+  const std::string plain = SessionOf("--user frank --client 127.0.0.1 --registry current.users");
+  const std::string status = "maintenance?api=Demo.Maintenance&method=status&version=1";
+  const fs::path auth = dir / "demoadmin.auth";
+  const std::string kept = ReadFile(auth);
+  for (const char* text : {"{\"privilege\":\"admin\"}\n}\n", "{\"privilege\":\"adm"}) {
+    std::ofstream(auth, std::ios::trunc) << text;
+    EXPECT_EQ(Fetch({status, "id=" + plain}).body, Error(105)) << text;
+  }
+  std::ofstream(auth, std::ios::trunc) << kept;
+  EXPECT_EQ(Fetch({status, "id=" + adminSession_}).body,
+            R"({"data":{"admin":"root","maintenance":false},"success":true})" "\n");
+}
+
 TEST_F(ServedApiTest, SettingsRoundTripCookieAndDownload) {
   const std::string id = "id=" + session_;
   const Answer refused = Fetch({"settings", id, "api=Demo.Settings&method=set&version=1&theme=blue"});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 
@@ -86,13 +87,26 @@ TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
   for (const Case& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
 }
 
-TEST_F(ApiPipelineTest, UnknownApiIsLoggedOnce) {
-  const webapi_test::ChildResult child = Get("api=Probe.Other&method=get&version=1");
-  EXPECT_EQ(child.out, Error(102));
-  const std::string line = "Bad API(Probe.Other) description.";
-  const size_t first = child.err.find(line);
-  EXPECT_NE(first, std::string::npos) << child.err;
-  EXPECT_EQ(child.err.find(line, first + 1), std::string::npos) << child.err;
+// The api name is the request's: cut to 256 bytes, with control bytes
+// escaped, so that it can neither forge a line nor flood the log.
+TEST_F(ApiPipelineTest, UnknownApiIsLoggedOnceAsOneLine) {
+  const std::string flood(300, 'z');
+  const std::pair<std::string, std::string> cases[] = {
+      {"Probe.Other", "Probe.Other"},
+      {"Probe.Other%0aapi_probe: Bad API(Forged) description.",
+       "Probe.Other\\x0aapi_probe: Bad API(Forged) description."},
+      {"Tab%09Back%5cslash", "Tab\\x09Back\\x5cslash"},
+      {flood, flood.substr(0, 256) + "..."},
+  };
+  for (const auto& [api, logged] : cases) {
+    const webapi_test::ChildResult child = Get("api=" + api + "&method=get&version=1");
+    EXPECT_EQ(child.out, Error(102));
+    const std::string line = "Bad API(" + logged + ") description.\n";
+    const size_t first = child.err.find(line);
+    EXPECT_NE(first, std::string::npos) << child.err;
+    EXPECT_EQ(child.err.find(line, first + 1), std::string::npos) << child.err;
+    EXPECT_EQ(std::count(child.err.begin(), child.err.end(), '\n'), 1) << child.err;
+  }
 }
 
 TEST_F(ApiPipelineTest, UploadWithoutUploadHandlerIsLoggedAndGoesOn) {

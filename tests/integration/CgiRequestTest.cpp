@@ -138,6 +138,9 @@ TEST(CgiRequestTest, HostileCookieHeadersNeverReachTheHandlerAsCookies) {
       {"duplicated", "id=first; id=second; id=third", {{"id", "first"}}, ""},
       {"no equals", "id; theme=light; x", {{"theme", "light"}}, "malformed pair"},
       {"quotes", "id=\"q v\"; x=\"unterminated", {{"id", "q v"}, {"x", "\"unterminated"}}, ""},
+      // Not one quoted string: kept as it came, not stripped of its outer quotes.
+      {"two quoted strings", R"(id="zzz "   "ppp"; x="a"b")",
+       {{"id", R"("zzz "   "ppp")"}, {"x", R"("a"b")"}}, ""},
       {"control bytes", "id=a\tb\x01; x=\x1b[31m; theme=ok", {{"theme", "ok"}}, "malformed pair"},
       {"separators only", ";;; ; ;", {}, ""},
   };

@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "session/SessionKeys.h"
 #include "session/Sha256.h"
@@ -99,8 +100,9 @@ TEST(SessionKeysTest, Expiry) {
     int timeoutMinutes;
     bool expired;
   } cases[] = {
-      {0, 0, 30, false},        {0, 30 * 60, 30, false},  // exactly at the limit: still valid
-      {0, 30 * 60 + 1, 30, true}, {0, 86400, 0, false},   // 0: no idle limit
+      {0, 0, 30, false},          {0, 30 * 60 + 60, 30, false},  // the limit and a touch interval
+      {0, 30 * 60 + 61, 30, true}, {0, 86400, 0, false},         // 0: no idle limit
+      {0, 60 + 6, 1, false},      {0, 60 + 7, 1, true},          // a tenth of a short limit
       {0, 0, -1, true},                                   // negative: always expired
       {7200, 0, 0, false},      {7199, 0, 0, true},       // lifetime counts from creation
       {7199, 0, 10080, true},
@@ -110,6 +112,39 @@ TEST(SessionKeysTest, Expiry) {
                                         c.timeoutMinutes, now),
               c.expired)
         << c.lifetime << " " << c.idleSeconds << " " << c.timeoutMinutes;
+}
+
+// Checks at the given times, each writing the last-seen time when the touch
+// interval says so, as MeroCgiIsAuthorizedEx does: every check within the
+// idle limit of the one before must pass, and the session must be refused
+// once idle for longer than the limit plus the touch interval.
+TEST(SessionKeysTest, ASessionInUseNeverIdlesOut) {
+  struct Case {
+    int timeoutMinutes;
+    std::vector<int64_t> uses;  // seconds after creation
+  } cases[] = {
+      {1, {29, 74, 134, 194}},  // used at 29 s, then 45 s later, then a minute apart
+      {1, {5, 65, 125, 185, 245}},
+      {2, {59, 179, 299, 419}},
+      {10, {1, 599, 1199, 1799}},
+      {30, {1799, 3598, 5397}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.timeoutMinutes) + " minute(s)");
+    const int64_t created = 1000000, limit = int64_t(c.timeoutMinutes) * 60;
+    int64_t lastSeen = created, lastUse = created;
+    for (const int64_t use : c.uses) {
+      const int64_t now = created + use;
+      ASSERT_LE(now - lastUse, limit);  // the case itself stays within the limit
+      EXPECT_FALSE(merocgi::IsSessionExpired(created, 0, lastSeen, c.timeoutMinutes, now)) << use;
+      if (now - lastSeen >= merocgi::SessionTouchInterval(c.timeoutMinutes)) lastSeen = now;
+      lastUse = now;
+    }
+    const int64_t lastChance = lastUse + limit;
+    const int64_t late = lastSeen + limit + merocgi::SessionTouchInterval(c.timeoutMinutes) + 1;
+    EXPECT_FALSE(merocgi::IsSessionExpired(created, 0, lastSeen, c.timeoutMinutes, lastChance));
+    EXPECT_TRUE(merocgi::IsSessionExpired(created, 0, lastSeen, c.timeoutMinutes, late));
+  }
 }
 
 }  // namespace

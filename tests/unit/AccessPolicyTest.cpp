@@ -15,12 +15,11 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 #include "merocgi.h"
 
 namespace {
 
-using MERO::WebCGITestPeer;
 
 Json::Value ParseJson(const char* text) {
   Json::Value value;
@@ -37,7 +36,7 @@ class AccessPolicyTest : public webapi_test::ApplianceRootTest {
 
 TEST_F(AccessPolicyTest, EmptyListChangesNothing) {
   MERO::WebCGI cgi("noauthfile", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
   Json::Value empty(Json::arrayValue);
   cgi.LoadAllowUsers(empty);
   EXPECT_EQ(p.loginFlags, 15u);
@@ -73,8 +72,8 @@ TEST_F(AccessPolicyTest, ListBecomesFlagsAndWords) {
     MERO::WebCGI cgi("noauthfile", false);
     Json::Value list = ParseJson(c.list);
     cgi.LoadAllowUsers(list);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).loginFlags, c.flags);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).allowUsers, ParseJson(c.words));
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).loginFlags, c.flags);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).allowUsers, ParseJson(c.words));
   }
 }
 
@@ -84,11 +83,11 @@ TEST_F(AccessPolicyTest, AllowUserOfTheAuthFileIsLoaded) {
   webapi_test::WriteRootFile("usr/mero/meroman/webapi/notalist.auth",
                              R"({"allow_user": "domain"})");
   MERO::WebCGI listed("policy", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(listed).loginFlags, 5u);
-  EXPECT_EQ(WebCGITestPeer::Priv(listed).allowUsers, ParseJson(R"(["domain", "admin.domain"])"));
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(listed).loginFlags, 5u);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(listed).allowUsers, ParseJson(R"(["domain", "admin.domain"])"));
   MERO::WebCGI text("notalist", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(text).loginFlags, 15u);
-  EXPECT_TRUE(WebCGITestPeer::Priv(text).allowUsers.isNull());
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(text).loginFlags, 15u);
+  EXPECT_TRUE(MERO::WebCGIPrivate::Of(text).allowUsers.isNull());
 }
 
 TEST_F(AccessPolicyTest, CategoryWordOfTheLoggedInUser) {
@@ -124,7 +123,7 @@ TEST_F(AccessPolicyTest, CategoryWordOfTheLoggedInUser) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.user) + " in " + (c.allowUsers ? c.allowUsers : "null"));
     MERO::WebCGI cgi("noauthfile", false);
-    MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+    MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
     if (c.allowUsers) p.allowUsers = ParseJson(c.allowUsers);
     // The word test is what turns a platform login's 1 into -3.
     _tag_login_params params{c.user, "", "webui", p.loginFlags, 0};
@@ -154,7 +153,7 @@ TEST_F(AccessPolicyTest, FailedGroupTestIsLoggedAndCountsAsNoAdministrator) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.user) + " in " + c.allowUsers);
     MERO::WebCGI cgi("noauthfile", false);
-    WebCGITestPeer::Priv(cgi).allowUsers = ParseJson(c.allowUsers);
+    MERO::WebCGIPrivate::Of(cgi).allowUsers = ParseJson(c.allowUsers);
     _tag_login_params params{c.user, "", "webui", 15, 0};
     CGI_LOGIN_RESULT result = 1;
     testing::internal::CaptureStderr();
@@ -180,7 +179,7 @@ TEST_F(AccessPolicyTest, GroupTestThatAnswersLogsNothing) {
   for (const char* user : {"alice", "bob", "DOM\\ghost"}) {
     SCOPED_TRACE(user);
     MERO::WebCGI cgi("noauthfile", false);
-    WebCGITestPeer::Priv(cgi).loginUser = user;
+    MERO::WebCGIPrivate::Of(cgi).loginUser = user;
     testing::internal::CaptureStderr();
     EXPECT_EQ(cgi.IsAdmin(), std::string(user) == "alice");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

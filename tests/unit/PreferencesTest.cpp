@@ -7,13 +7,12 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 #include "merosdk.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using MERO::WebCGITestPeer;
 
 class PreferencesTest : public webapi_test::ApplianceRootTest {
  protected:
@@ -35,7 +34,7 @@ TEST_F(PreferencesTest, DirectoriesAreMadeOnFirstUseOrTheAnswerIsTmp) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.user);
-    WebCGITestPeer::Priv(cgi).loginUser = c.user;
+    MERO::WebCGIPrivate::Of(cgi).loginUser = c.user;
     EXPECT_EQ(cgi.GetPreferenceDir(), c.want);
   }
   struct stat st;
@@ -54,7 +53,7 @@ TEST_F(PreferencesTest, DirectoriesAreMadeOnFirstUseOrTheAnswerIsTmp) {
 
 TEST_F(PreferencesTest, SettingsAreReadButNeverThroughALink) {
   MERO::WebCGI cgi("nosuchname", false);
-  WebCGITestPeer::Priv(cgi).loginUser = "bob";
+  MERO::WebCGIPrivate::Of(cgi).loginUser = "bob";
   const std::string dir = cgi.GetPreferenceDir();
   Json::Value settings;
   EXPECT_FALSE(cgi.loadUserJsonSettings(settings));  // the directory holds no file yet
@@ -73,7 +72,7 @@ TEST_F(PreferencesTest, SettingsAreReadButNeverThroughALink) {
   fs::remove_all(UserDir("carol"));
   fs::create_directories(root() / "target");
   fs::create_symlink(root() / "target", UserDir("carol"));
-  WebCGITestPeer::Priv(cgi).loginUser = "carol";
+  MERO::WebCGIPrivate::Of(cgi).loginUser = "carol";
   EXPECT_EQ(cgi.GetPreferenceDir(), "/tmp");
 }
 

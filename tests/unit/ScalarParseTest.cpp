@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "webapi/JsonValue.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace {
@@ -66,38 +65,6 @@ TEST(ScalarParseTest, GetEnvCutsToTheBufferAndLeavesItAloneWhenUnset) {
   buf[0] = 'q';
   EXPECT_FALSE(GetEnv("WEBAPI_TEST_VALUE", buf, sizeof buf));
   EXPECT_EQ(buf[0], 'q');
-}
-
-TEST(JsonValueTest, FromStringTakesOneWholeDocumentAndNeverHalfAValue) {
-  struct Case {
-    std::string text;
-    bool ok;
-  };
-  const Case cases[] = {
-      {R"({"a":[1,2,{"b":null}]})", true}, {"7", true}, {R"("s")", true}, {"[] ", true},
-      {"/* c */ {\"a\":1} // end", true},  {"", false}, {"{} x", false}, {"7]", false},
-      {"//c\r7", true}, {"{\"a\":1} //\r]]]", false}, {"{\"a\":1} /* never closed", false},
-      {"{\"a\":1 // c\n{\"b\":2 // d\n}", false},  // jsoncpp's Reader alone accepts this
-      {"{\"a\":1 // c\n{\"b\":2 // d\n}}", false},  // balanced, still not one object
-      {"7x", false}, {"truex", false}, {"nullnull", false}, {"1.5.5", false}, {"01", false},
-      {"1=a&api=b", false}, {"-0.5e+3", true}, {"false", true},
-      {R"({"a":)", false},                 {"[1,2", false}, {R"({"a":1}{"b":2})", false},
-      {std::string(600, '[') + std::string(600, ']'), false},  // deeper than kMaxJsonDepth
-      {std::string(100000, '['), false},                        // would make jsoncpp throw
-      {std::string(400, '[') + std::string(400, ']'), true},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 40));
-    Json::Value value("previous");
-    EXPECT_EQ(MERO::JsonValue::fromString(value, c.text), c.ok);
-    if (!c.ok) {
-      EXPECT_TRUE(value.isNull());
-    }
-  }
-  Json::Value parsed;
-  ASSERT_TRUE(MERO::JsonValue::fromString(parsed, R"({"a":"x","n":3})"));
-  EXPECT_EQ(parsed["a"].asString(), "x");
-  EXPECT_EQ(parsed["n"].asInt(), 3);
 }
 
 }  // namespace

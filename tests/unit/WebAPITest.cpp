@@ -6,23 +6,17 @@
 #include "webapi/JsonValue.h"
 #include "webapi/WebAPI.h"
 
-namespace MERO {
-
-struct WebAPITestPeer {
-  static const char* Api(WebAPI& web) { return web.api; }
-  static int Version(WebAPI& web) { return web.version; }
-  static bool AllowSharing(WebAPI& web) { return web.allowSharing; }
-  static const char* UiLanguage(WebAPI& web) { return web.uiLanguage; }
-};
-
-}  // namespace MERO
-
 namespace {
 
+// A handler sees what validation filled in through the protected members.
 class NoHandler : public MERO::WebAPI {
  public:
   NoHandler() : WebAPI("unit.api", nullptr) {}
   void HandleRequest() override {}
+  const char* Api() const { return api; }
+  int Version() const { return version; }
+  bool AllowSharing() const { return allowSharing; }
+  const char* UiLanguage() const { return uiLanguage; }
 };
 
 class WebAPITest : public webapi_test::ApplianceRootTest {};
@@ -83,14 +77,14 @@ TEST_F(WebAPITest, ValidationFillsTheMembersOnlyWhenItPasses) {
   NoHandler web;
   EXPECT_FALSE(web.CheckRequestParam("Unit.Item", "get", "1"));
   EXPECT_EQ(web.GetError(), 103);
-  EXPECT_EQ(MERO::WebAPITestPeer::Api(web), nullptr);
-  EXPECT_FALSE(MERO::WebAPITestPeer::AllowSharing(web));
+  EXPECT_EQ(web.Api(), nullptr);
+  EXPECT_FALSE(web.AllowSharing());
 
   EXPECT_TRUE(web.CheckRequestParam("Unit.Item", "GET", "2"));
-  EXPECT_STREQ(MERO::WebAPITestPeer::Api(web), "Unit.Item");
-  EXPECT_EQ(MERO::WebAPITestPeer::Version(web), 2);
-  EXPECT_TRUE(MERO::WebAPITestPeer::AllowSharing(web));
-  EXPECT_STREQ(MERO::WebAPITestPeer::UiLanguage(web), "en");
+  EXPECT_STREQ(web.Api(), "Unit.Item");
+  EXPECT_EQ(web.Version(), 2);
+  EXPECT_TRUE(web.AllowSharing());
+  EXPECT_STREQ(web.UiLanguage(), "en");
 }
 
 TEST_F(WebAPITest, WrongTypesInTheDescriptionRefuseInsteadOfThrowing) {

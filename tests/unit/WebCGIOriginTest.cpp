@@ -6,7 +6,7 @@
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 
 namespace {
 
@@ -70,7 +70,10 @@ TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
     SetEnvOrUnset("HTTP_HOST", c.hostHeader);
     MERO::WebCGI cgi("zel", false);
     EXPECT_EQ(cgi.GetURLProto(), c.proto);
-    MERO::WebCGIPrivate& p = MERO::WebCGITestPeer::Priv(cgi);
+    ASSERT_TRUE(cgi.AddCookieToHeader("/api", "id", "x"));  // Secure on https only
+    EXPECT_EQ(cgi.GetSetCookies()["id"].asString().find("; Secure") != std::string::npos,
+              std::string(c.proto) == "https");
+    MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
     EXPECT_EQ(p.host, c.host);
     EXPECT_EQ(p.port, c.port);
     SetEnvOrUnset("HTTPS", c.https ? nullptr : "on");  // later changes are not seen

@@ -21,7 +21,7 @@ TEST_F(Output, RecordsHeadersAndCookiesAndShowsThemAsJson) {
   EXPECT_NE(cgi.AddHeader("X-Trace", "a \"quoted\" \\ value\t!"), 0);
   EXPECT_NE(cgi.AddHeader("Cache-Control", "no-store"), 0);
   EXPECT_NE(cgi.AddHeader("cache-control", "no-cache"), 0);  // same header, any case
-  ASSERT_TRUE(cgi.AddCookieToHeader("/webman", "id", "abc123"));
+  ASSERT_TRUE(cgi.AddCookieToHeader("/api", "id", "abc123"));
   ASSERT_TRUE(cgi.AddCookieToHeader(nullptr, "theme", "\"dark\""));
 
   Json::Value headers;
@@ -30,7 +30,7 @@ TEST_F(Output, RecordsHeadersAndCookiesAndShowsThemAsJson) {
   EXPECT_EQ(cgi.GetHeaders(), headers);
   EXPECT_EQ(cgi.GetSetHeaders(), headers);
   Json::Value cookies;
-  cookies["id"] = "id=abc123; Path=/webman; HttpOnly; SameSite=Strict";
+  cookies["id"] = "id=abc123; Path=/api; HttpOnly; SameSite=Strict";
   cookies["theme"] = "theme=\"dark\"; Path=/; HttpOnly; SameSite=Strict";
   EXPECT_EQ(cgi.GetSetCookies(), cookies);
 
@@ -65,6 +65,19 @@ TEST_F(Output, RefusesEverythingThatCouldSplitAResponse) {
   }
   EXPECT_EQ(cgi.GetHeaders(), Json::Value(Json::objectValue));
   EXPECT_EQ(cgi.GetSetCookies(), Json::Value(Json::objectValue));
+}
+
+// A redirect whose Location would not fit records neither header: a 302
+// without its Location would send the browser nowhere.
+TEST_F(Output, ARedirectThatDoesNotFitRecordsNothing) {
+  MERO::WebCGI cgi("zel", false);
+  for (int i = 1; i < MERO_CGI_MAX_RESPONSE_HEADERS; ++i)
+    ASSERT_NE(cgi.AddHeader(("X-H" + std::to_string(i)).c_str(), "v"), 0);
+  EXPECT_EQ(cgi.Redirect("/api/login"), 0);
+  const Json::Value headers = cgi.GetHeaders();
+  EXPECT_FALSE(headers.isMember("Status"));
+  EXPECT_FALSE(headers.isMember("Location"));
+  EXPECT_EQ(headers.size(), MERO_CGI_MAX_RESPONSE_HEADERS - 1u);
 }
 
 }  // namespace

@@ -65,7 +65,10 @@ int MeroCgiLoadInCookies(MEROCGI_STATE* state) {
       const char* valueBegin = eq + 1;
       while (valueBegin < stop && IsOws(*valueBegin)) ++valueBegin;
       const char* valueEnd = stop;
-      if (valueEnd - valueBegin >= 2 && *valueBegin == '"' && valueEnd[-1] == '"') {
+      // Only one quoted string sheds its quotes: "zzz "   "ppp" is no
+      // quoted value, and cutting its ends would make up one.
+      if (valueEnd - valueBegin >= 2 && *valueBegin == '"' && valueEnd[-1] == '"' &&
+          !std::memchr(valueBegin + 1, '"', static_cast<size_t>(valueEnd - valueBegin - 2))) {
         ++valueBegin;
         --valueEnd;
       }

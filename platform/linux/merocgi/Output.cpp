@@ -171,9 +171,27 @@ int MeroCgiPrintHTTPHeader(MEROCGI_STATE* state) {
 int MeroCgiRedirect(MEROCGI_STATE* state, const char* url) {
   if (!state || !url) return 0;
   if (!IsFieldValue(url)) return Refuse("redirect URL");
-  if (!MeroCgiSetHTTPHeader(state, "Status", "302 Found") ||
-      !MeroCgiSetHTTPHeader(state, "Location", url))
+  // Both headers or neither: a 302 without its Location sends the browser
+  // nowhere, and a recorded header cannot be taken back.
+  const MLIBSZHASH* table = state->headerTable;
+  const int statusSlot = FindFolded(table, "Status");
+  const int added = (statusSlot < 0 ? 1 : 0) + (FindFolded(table, "Location") < 0 ? 1 : 0);
+  if (table && table->slotCount + added > MERO_CGI_MAX_RESPONSE_HEADERS) {
+    MEROCGI_LOG("refused redirect: its headers would be more than %d", MERO_CGI_MAX_RESPONSE_HEADERS);
+    MERO_ERR_SET(MERO_ERR_REQUEST_TOO_LARGE);
     return 0;
+  }
+  try {  // C linkage: no exception (bad_alloc) may leave
+    const std::string previous =
+        statusSlot >= 0 ? table->slots[statusSlot].value : "500 Internal Server Error";
+    if (!MeroCgiSetHTTPHeader(state, "Status", "302 Found")) return 0;
+    if (!MeroCgiSetHTTPHeader(state, "Location", url)) {
+      MeroCgiSetHTTPHeader(state, "Status", previous.c_str());  // memory ran out
+      return 0;
+    }
+  } catch (...) {
+    return 0;
+  }
   return MeroCgiPrintHTTPHeader(state);
 }
 

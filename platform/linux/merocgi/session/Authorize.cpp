@@ -42,13 +42,6 @@ bool HasPrivilege(const std::string& privileges, const char* wanted) {
   return false;
 }
 
-// How stale a last-seen time may get before a check writes it: never so
-// stale that a session in steady use could idle out between two writes.
-int64_t TouchInterval(int timeoutMinutes) {
-  const int64_t halfLimit = timeoutMinutes > 0 ? int64_t(timeoutMinutes) * 30 : INT64_MAX;
-  return std::min<int64_t>(MERO_CGI_SESSION_TOUCH_SECONDS, halfLimit);
-}
-
 int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
               const char* privilege) {
   if (!merocgi::IsSessionIdShape(sid)) return MERO_SESSION_UNKNOWN;
@@ -87,11 +80,14 @@ int Authorize(MEROCGI_STATE* state, const char* sid, char* user, int userSize,
   // Rarely a write: the reader above is closed first, since LMDB's locks
   // belong to the process and one environment may be open at a time. A lost
   // last-seen write costs at most one touch interval of idle time; it never
-  // fails the request.
-  if (now - row.lastSeen >= TouchInterval(state->sessionTimeout)) {
+  // fails the request. The idle limit is written too when it widens (the
+  // first check of a session), for the store's own expiry.
+  const int64_t idleMinutes = merocgi::WidestIdleLimit(row.idleMinutes, state->sessionTimeout);
+  if (now - row.lastSeen >= merocgi::SessionTouchInterval(state->sessionTimeout) ||
+      idleMinutes != row.idleMinutes) {
     merocgi::SessionDb writer;
     if (writer.Open(merocgi::SessionDb::Access::kWriter) == merocgi::SessionDb::OpenResult::kOpened)
-      writer.Touch(idHash, now);
+      writer.Touch(idHash, now, idleMinutes);
   }
 
   return merocgi::RememberSession(state, row.csrf, row.state) ? MERO_SESSION_AUTHORIZED

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -26,7 +27,9 @@ std::FILE* merocgi_lmdb_stderr = nullptr;
 namespace merocgi {
 namespace {
 
-constexpr uint8_t kRecordFormat = 1;
+// Format 2 adds the idle limit to format 1, which is still read.
+constexpr uint8_t kRecordFormat = 2;
+constexpr uint8_t kRecordFormatWithoutIdleLimit = 1;
 
 // Aborts a transaction unless it was committed (or handed back).
 class TxnOwner {
@@ -136,6 +139,7 @@ std::string EncodeSessionRow(const SessionRow& row) {
   for (const std::string* text :
        {&row.registry, &row.user, &row.client, &row.csrf, &row.privileges})
     PutText(&out, *text);
+  PutInt(&out, row.idleMinutes);
   return out;
 }
 
@@ -143,11 +147,16 @@ bool DecodeSessionRow(const void* data, size_t size, SessionRow* row) {
   Reader reader(data, size);
   uint8_t format = 0;
   int64_t state = 0;
-  return reader.Byte(&format) && format == kRecordFormat && reader.Int(&row->created) &&
-         reader.Int(&row->lastSeen) && reader.Int(&row->lifetime) && reader.Int(&state) &&
-         (row->state = static_cast<int>(state), true) && reader.Text(&row->registry) &&
-         reader.Text(&row->user) && reader.Text(&row->client) && reader.Text(&row->csrf) &&
-         reader.Text(&row->privileges) && reader.AtEnd();
+  if (!(reader.Byte(&format) &&
+        (format == kRecordFormat || format == kRecordFormatWithoutIdleLimit) &&
+        reader.Int(&row->created) && reader.Int(&row->lastSeen) && reader.Int(&row->lifetime) &&
+        reader.Int(&state) && reader.Text(&row->registry) && reader.Text(&row->user) &&
+        reader.Text(&row->client) && reader.Text(&row->csrf) && reader.Text(&row->privileges)))
+    return false;
+  row->state = static_cast<int>(state);
+  row->idleMinutes = kIdleLimitUnknown;
+  if (format == kRecordFormat && !reader.Int(&row->idleMinutes)) return false;
+  return reader.AtEnd();
 }
 
 SessionDb::SessionDb() : path_(Path()) {}
@@ -257,7 +266,7 @@ int SessionDb::InWriteTransaction(const std::function<int(MDB_txn*)>& work) {
   return status == 0 ? result : Fail("commit", status);
 }
 
-bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
+bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now, int64_t idleMinutes) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
            MDB_val key = KeyOf(idHash), value;
            const int status = mdb_get(txn, dbi_, &key, &value);
@@ -269,6 +278,7 @@ bool SessionDb::Touch(const Sha256Digest& idHash, int64_t now) {
              return -1;
            }
            row.lastSeen = now;
+           row.idleMinutes = idleMinutes;
            const std::string record = EncodeSessionRow(row);
            MDB_val updated{record.size(), const_cast<char*>(record.data())};
            const int put = mdb_put(txn, dbi_, &key, &updated, 0);
@@ -324,17 +334,54 @@ bool PastLifetime(const SessionRow& row, int64_t now) {
   return row.lifetime > 0 && now - row.created > row.lifetime;
 }
 
+// Whether every check would now refuse the session as expired, going by
+// the widest idle limit a check applied to it (the platform's default
+// until one has).
+bool HasExpired(const SessionRow& row, int64_t now) {
+  const int64_t idleMinutes =
+      row.idleMinutes == kIdleLimitUnknown ? MERO_CGI_DEFAULT_SESSION_TIMEOUT : row.idleMinutes;
+  return IsSessionExpired(row.created, row.lifetime, row.lastSeen,
+                          static_cast<int>(std::clamp<int64_t>(idleMinutes, INT_MIN, INT_MAX)),
+                          now);
+}
+
+// Removes the expired sessions among MERO_CGI_SESSION_EXPIRY_BATCH records
+// from `start` on, going round to the first record after the last. A
+// record that does not decode is left to Purge. 0, or an LMDB error.
+int ExpireSome(MDB_txn* txn, MDB_dbi dbi, const Sha256Digest& start, int64_t now) {
+  CursorOwner cursor;
+  int status = mdb_cursor_open(txn, dbi, cursor.Out());
+  if (status != 0) return status;
+  MDB_val key = KeyOf(start), value;
+  status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_SET_RANGE);
+  bool wrapped = false;
+  for (int examined = 0; examined < MERO_CGI_SESSION_EXPIRY_BATCH; ++examined) {
+    if (status == MDB_NOTFOUND && !wrapped) {
+      wrapped = true;
+      status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_FIRST);
+    }
+    if (status != 0) break;
+    // Round once at most: a store smaller than the batch is seen whole.
+    if (wrapped && std::memcmp(key.mv_data, start.data(), std::min(key.mv_size, start.size())) >= 0)
+      break;
+    SessionRow row;
+    if (RowFromCursor(key, value, &row) && HasExpired(row, now) &&
+        (status = mdb_cursor_del(cursor.Get(), 0)) != 0)
+      return status;
+    status = mdb_cursor_get(cursor.Get(), &key, &value, MDB_NEXT);
+  }
+  return status == MDB_NOTFOUND ? 0 : status;
+}
+
 }  // namespace
 
 int SessionDb::Insert(const SessionRow& row, bool endOthers) {
   return InWriteTransaction([&](MDB_txn* txn) -> int {
-    // Each new session clears out those past their lifetime, so a store
-    // that no one purges still stays bounded by the sessions in use.
-    int cleanup = 0;
-    if (DeleteWhere(
-            txn, dbi_, [&](const SessionRow& old) { return PastLifetime(old, row.created); }, false,
-            &cleanup) < 0)
-      return Fail("insert", cleanup);
+    // Each new session clears out a few expired ones, so a store that no
+    // one purges stays bounded by the sessions in use, and no login pays
+    // for a look at every session.
+    const int cleanup = ExpireSome(txn, dbi_, row.idHash, row.created);
+    if (cleanup != 0) return Fail("insert", cleanup);
     if (endOthers) {
       std::vector<std::pair<Sha256Digest, std::string>> ended;
       int status = ScanRecords(txn, dbi_, [&](const SessionRow* other, MDB_cursor*) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "SessionKeys.h"
 #include "Sha256.h"
 
 namespace merocgi {
@@ -33,6 +34,9 @@ struct SessionRow {
   std::string csrf;
   int state = static_cast<int>(SessionState::kActive);
   std::string privileges;
+  // The widest idle limit (minutes; 0: none) a successful check has
+  // applied to the session, which the store's own expiry goes by.
+  int64_t idleMinutes = kIdleLimitUnknown;
 };
 
 // A stored row: its fields packed after a format byte, texts with 32-bit
@@ -62,12 +66,14 @@ class SessionDb {
   // the session in any registry; Find only in `registry`.
   int FindById(const Sha256Digest& idHash, SessionRow* row);
   int Find(const Sha256Digest& idHash, const std::string& registry, SessionRow* row);
-  // Writes a new last-seen time (the store must be open for writing);
-  // false when it failed (logged).
-  bool Touch(const Sha256Digest& idHash, int64_t now);
+  // Writes a new last-seen time and idle limit (the store must be open for
+  // writing); false when it failed (logged).
+  bool Touch(const Sha256Digest& idHash, int64_t now, int64_t idleMinutes);
 
   // Each runs in one write transaction and returns the rows changed, or -1
-  // (logged).
+  // (logged). Insert first removes the expired sessions among
+  // MERO_CGI_SESSION_EXPIRY_BATCH stored ones, taken from where the new
+  // key falls (a random place: keys are hashes of random identifiers).
   int Insert(const SessionRow& row, bool endOthers);
   int Delete(const Sha256Digest& idHash);
   int DeleteByRefPrefix(const std::string& hexPrefix);  // -2 when ambiguous

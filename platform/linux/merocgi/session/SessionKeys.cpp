@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/random.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -121,11 +122,24 @@ bool SameClientAddress(const std::string& stored, const std::string& current) {
 
 namespace merocgi {
 
+int64_t SessionTouchInterval(int timeoutMinutes) {
+  const int64_t tenth = timeoutMinutes > 0 ? int64_t(timeoutMinutes) * 6 : INT64_MAX;
+  return std::max<int64_t>(1, std::min<int64_t>(MERO_CGI_SESSION_TOUCH_SECONDS, tenth));
+}
+
 bool IsSessionExpired(int64_t created, int64_t lifetime, int64_t lastSeen, int timeoutMinutes,
                       int64_t now) {
   if (lifetime > 0 && now - created > lifetime) return true;
   if (timeoutMinutes < 0) return true;
-  return timeoutMinutes > 0 && now - lastSeen > int64_t(timeoutMinutes) * 60;
+  // Uses within the touch interval of the recorded time were not written.
+  return timeoutMinutes > 0 &&
+         now - lastSeen > int64_t(timeoutMinutes) * 60 + SessionTouchInterval(timeoutMinutes);
+}
+
+int64_t WidestIdleLimit(int64_t recordedMinutes, int timeoutMinutes) {
+  if (recordedMinutes == kIdleLimitUnknown) return timeoutMinutes;
+  if (recordedMinutes == 0 || timeoutMinutes == 0) return 0;
+  return std::max<int64_t>(recordedMinutes, timeoutMinutes);
 }
 
 }  // namespace merocgi

@@ -1,18 +1,18 @@
 // Session configuration from the auth file of a session name, under a
 // temporary appliance root.
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <string>
 
 #include "ApplianceRootEnv.h"
-#include "WebCGIPeer.h"
+#include "cgi/WebCGIPrivate.h"
 
 namespace {
 
-using MERO::WebCGITestPeer;
 using webapi_test::WriteRootFile;
 
-class WebCGISessionTest : public webapi_test::ApplianceRootTest {
+class WebCGIAuthFileTest : public webapi_test::ApplianceRootTest {
  protected:
   static void WriteAuth(const std::string& name, const std::string& json) {
     WriteRootFile("usr/mero/meroman/webapi/" + name + ".auth", json);
@@ -20,9 +20,9 @@ class WebCGISessionTest : public webapi_test::ApplianceRootTest {
   static void WriteApplianceConf(const std::string& text) { WriteRootFile("etc/meroinfo.conf", text); }
 };
 
-TEST_F(WebCGISessionTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
+TEST_F(WebCGIAuthFileTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
   MERO::WebCGI cgi("NoSuchApp", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
   EXPECT_EQ(p.sessionName, "zel");
   EXPECT_TRUE(p.privilege.empty());
   EXPECT_TRUE(p.appPortals.isNull());
@@ -31,10 +31,10 @@ TEST_F(WebCGISessionTest, MissingAuthFileFallsBackToZelWithPlatformDefaults) {
   EXPECT_STREQ(p.State()->registry, MERO_CGI_DEFAULT_REGISTRY);
 }
 
-TEST_F(WebCGISessionTest, NamesAreFoldedForFilesButKeptAsGiven) {
+TEST_F(WebCGIAuthFileTest, NamesAreFoldedForFilesButKeptAsGiven) {
   WriteAuth("myapp", R"({"timeout": 45, "privilege": "portal_admin"})");
   MERO::WebCGI cgi("MyApp", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
   EXPECT_EQ(p.sessionName, "MyApp");
   EXPECT_STREQ(p.State()->registry, "myapp.current.users");
   EXPECT_EQ(p.State()->sessionTimeout, 45);
@@ -46,11 +46,11 @@ TEST_F(WebCGISessionTest, NamesAreFoldedForFilesButKeptAsGiven) {
 
   WriteAuth("zel", "{}");
   MERO::WebCGI nullName(nullptr, false);
-  EXPECT_EQ(WebCGITestPeer::Priv(nullName).sessionName, "zel");
-  EXPECT_STREQ(WebCGITestPeer::Priv(nullName).State()->registry, "zel.current.users");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(nullName).sessionName, "zel");
+  EXPECT_STREQ(MERO::WebCGIPrivate::Of(nullName).State()->registry, "zel.current.users");
 }
 
-TEST_F(WebCGISessionTest, TimeoutIsMappedFromTheAuthFile) {
+TEST_F(WebCGIAuthFileTest, TimeoutIsMappedFromTheAuthFile) {
   struct Case {
     const char* json;
     int want;
@@ -64,11 +64,11 @@ TEST_F(WebCGISessionTest, TimeoutIsMappedFromTheAuthFile) {
     SCOPED_TRACE(c.json);
     WriteAuth("app", c.json);
     MERO::WebCGI cgi("app", false);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, c.want);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->sessionTimeout, c.want);
   }
 }
 
-TEST_F(WebCGISessionTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetting) {
+TEST_F(WebCGIAuthFileTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetting) {
   struct Case {
     const char* json;
     const char* conf;  // null: no appliance settings file
@@ -90,43 +90,95 @@ TEST_F(WebCGISessionTest, SourceIpCheckComesFromTheAuthFileElseTheApplianceSetti
     if (c.conf) WriteApplianceConf(c.conf);
     WriteAuth("app", c.json);
     MERO::WebCGI cgi("app", false);
-    EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->skipCheckIP, c.wantSkip);
+    EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->skipCheckIP, c.wantSkip);
   }
 }
 
-TEST_F(WebCGISessionTest, AppPortalsAndWrongTypesCountAsAbsent) {
+TEST_F(WebCGIAuthFileTest, AppPortalsAndWrongTypesCountAsAbsent) {
   WriteAuth("app", R"({"privilege":"portal_admin","app_portals":[]})");
   MERO::WebCGI withEmpty("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(withEmpty).appPortals, Json::Value(Json::arrayValue));
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(withEmpty).appPortals, Json::Value(Json::arrayValue));
 
   WriteAuth("app", R"({"privilege":7,"app_portals":"x","ip_checking":1})");
   MERO::WebCGI wrongTypes("app", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(wrongTypes);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(wrongTypes);
   EXPECT_TRUE(p.privilege.empty());
   EXPECT_TRUE(p.appPortals.isNull());
   EXPECT_EQ(p.sessionName, "app");
 
   WriteAuth("app", R"([1,2])");  // JSON, but not an object: every key absent
   MERO::WebCGI notObject("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(notObject).sessionName, "app");
-  EXPECT_EQ(WebCGITestPeer::Priv(notObject).State()->sessionTimeout, 10080);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(notObject).sessionName, "app");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(notObject).State()->sessionTimeout, 10080);
 
   WriteAuth("app", R"({"timeout": )");  // not JSON: the platform defaults under "zel"
   MERO::WebCGI broken("app", false);
-  EXPECT_EQ(WebCGITestPeer::Priv(broken).sessionName, "zel");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(broken).sessionName, "zel");
 }
 
-TEST_F(WebCGISessionTest, OverlongNameFallsBackToZel) {
+TEST_F(WebCGIAuthFileTest, TextAfterTheAuthFilesDocumentIsIgnored) {
+  WriteAuth("app", "{\"privilege\":\"admin\"}\n}\n");  // a stray line after a valid file
+  MERO::WebCGI cgi("app", false);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).sessionName, "app");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).privilege, "admin");
+}
+
+// -5 means the check ran (and found no session identifier); -9 that it was
+// refused before looking.
+TEST_F(WebCGIAuthFileTest, AnAuthFileThatCannotBeReadRefusesChecksWhereTheApplianceSaysSo) {
+  struct Case {
+    const char* conf;  // null: no appliance settings file
+    const char* auth;  // null: no auth file; "/": a directory in its place
+    int want;
+  };
+  const Case cases[] = {
+      {nullptr, R"({"privilege":"adm)", -5},  // the documented fallback
+      {"refuse_unreadable_auth=\"yes\"\n", R"({"privilege":"adm)", -9},
+      {"refuse_unreadable_auth=yes\n", "/", -9},
+      {"refuse_unreadable_auth=\"yes\"\n", nullptr, -5},  // a missing file still falls back
+      {"refuse_unreadable_auth=\"yes\"\n", R"({"privilege":"admin"})", -5},
+      {"refuse_unreadable_auth=\"no\"\n", R"({"privilege":"adm)", -5},
+  };
+  openlog("WebCGIAuthFileTest", LOG_PERROR, LOG_USER);  // a copy of each log line on stderr
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.conf ? c.conf : "no settings") + " / " + (c.auth ? c.auth : "no file"));
+    std::filesystem::remove(root() / "etc/meroinfo.conf");
+    std::filesystem::remove_all(root() / "usr/mero/meroman/webapi/app.auth");
+    if (c.conf) WriteApplianceConf(c.conf);
+    if (c.auth && std::string(c.auth) == "/")
+      std::filesystem::create_directory(root() / "usr/mero/meroman/webapi/app.auth");
+    else if (c.auth)
+      WriteAuth("app", c.auth);
+    MERO::WebCGI cgi("app", false);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(cgi.CheckAuthorized(), c.want);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.find("app.auth exists but could not be read; session refused\n") != std::string::npos,
+              c.want == -9)
+        << log;
+  }
+  openlog(nullptr, 0, LOG_USER);  // glibc's closelog would keep LOG_PERROR
+  closelog();
+
+  WriteApplianceConf("refuse_unreadable_auth=\"yes\"\n");
+  WriteAuth("app", "{");
+  WriteAuth("good", "{}");
+  MERO::WebCGI cgi("app", false);
+  cgi.SetSessionName("good");  // a readable file lifts the refusal
+  EXPECT_EQ(cgi.CheckAuthorized(), -5);
+}
+
+TEST_F(WebCGIAuthFileTest, OverlongNameFallsBackToZel) {
   WriteAuth("zel", R"({"timeout": 77})");
   MERO::WebCGI cgi(std::string(4066, 'a').c_str(), false);
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).sessionName, "zel");
-  EXPECT_EQ(WebCGITestPeer::Priv(cgi).State()->sessionTimeout, 77);
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).sessionName, "zel");
+  EXPECT_EQ(MERO::WebCGIPrivate::Of(cgi).State()->sessionTimeout, 77);
 }
 
-TEST_F(WebCGISessionTest, LaterSettersAndRenamesInteractAsDocumented) {
+TEST_F(WebCGIAuthFileTest, LaterSettersAndRenamesInteractAsDocumented) {
   WriteAuth("zel", R"({"timeout": 60, "privilege": "p"})");
   MERO::WebCGI cgi("zel", false);
-  MERO::WebCGIPrivate& p = WebCGITestPeer::Priv(cgi);
+  MERO::WebCGIPrivate& p = MERO::WebCGIPrivate::Of(cgi);
 
   cgi.SetErrorLog(false);
   EXPECT_EQ(p.loginFlags, 15u | 16u);

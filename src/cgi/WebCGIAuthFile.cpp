@@ -18,6 +18,7 @@ namespace {
 constexpr size_t kPathBufferBytes = 4096;
 constexpr int kDefaultTimeout = 10080;  // one week, in minutes
 constexpr const char kDefaultSessionName[] = "zel";
+constexpr const char kRefuseUnreadableAuthKey[] = "refuse_unreadable_auth";
 
 // The auth file's "timeout", read as an int even when it is a real or out of
 // the int range (jsoncpp's asInt would throw there).
@@ -37,6 +38,16 @@ int MapTimeout(const Json::Value& auth) {
   if (t < -1) return -1;
   if (t == 0) return kDefaultTimeout;
   return t;
+}
+
+// Whether the appliance settings ask that an auth file which exists but
+// cannot be read refuse every session check, instead of the platform
+// defaults (which ask for no privilege) standing in for it.
+bool RefusesUnreadableAuthFiles() {
+  char value[kPathBufferBytes] = {};
+  const std::string conf = detail::AppliancePath(detail::kApplianceConf);
+  return MLIBCFileGetKeyValue(conf.c_str(), kRefuseUnreadableAuthKey, value, sizeof value, 0) > 0 &&
+         std::strcmp(value, "yes") == 0;
 }
 
 int SkipCheckIpOf(const Json::Value& auth) {
@@ -63,7 +74,12 @@ void WebCGIPrivate::SetSessionName(const char* requested, bool init) {
   const std::string authFile = detail::AppliancePath(path);
 
   Json::Value auth;
-  if (!MLIBCFileExist(authFile.c_str()) || !WebAPIUtil::ReadJsonFile(auth, authFile.c_str())) {
+  const bool exists = MLIBCFileExist(authFile.c_str());
+  unreadableAuthFile.clear();
+  if (!exists || !WebAPIUtil::ReadJsonFile(auth, authFile.c_str())) {
+    // Cut short, not JSON, or held under another process's lock past the
+    // read's time-out: the file may ask for a privilege the defaults lack.
+    if (exists && RefusesUnreadableAuthFiles()) unreadableAuthFile = authFile;
     if (init) MeroCgiInit("", State());
     sessionName = kDefaultSessionName;
   } else {
