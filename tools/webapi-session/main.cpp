@@ -37,6 +37,7 @@ constexpr const char kUsageText[] =
     "      Prints the path of the session database.\n"
     "\n"
     "--root DIR sets the appliance root (as MERO_APPLIANCE_ROOT does).\n"
+    "-h, --help prints this text.\n"
     "Exit status: 0 done, 1 the store failed (see syslog), 2 usage error,\n"
     "3 revoke matched no session.\n";
 
