@@ -1,6 +1,8 @@
 # Install rules: the library, its public headers, the platform headers, an
 # exported CMake package (find_package(webapi)) and one pkg-config file per
-# library.
+# library. Two components, one Debian package each (cmake/Package.cmake):
+# "runtime" holds what a CGI program and an administrator need, "dev" what
+# a build against the library needs.
 include(CMakePackageConfigHelpers)
 
 set(webapi_install_targets webapi)
@@ -10,8 +12,8 @@ endif()
 
 install(TARGETS ${webapi_install_targets}
   EXPORT webapiTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES
   include/webapi/Export.h
@@ -20,7 +22,7 @@ install(FILES
   include/webapi/WebAPI.h
   include/webapi/WebAPIUtil.h
   include/webapi/WebCGI.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/webapi)
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/webapi COMPONENT dev)
 install(FILES
   platform/include/mero_export.h
   platform/include/merocgi.h
@@ -28,9 +30,10 @@ install(FILES
   platform/include/merosdk.h
   platform/include/mero_pam_login.h
   platform/include/zel.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero)
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero COMPONENT dev)
 
-install(EXPORT webapiTargets NAMESPACE webapi:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
+install(EXPORT webapiTargets NAMESPACE webapi:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi
+        COMPONENT dev)
 configure_package_config_file(cmake/webapiConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
@@ -38,7 +41,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion.cmake
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi)
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi COMPONENT dev)
 
 # pkg-config: webapi.pc always; merocore.pc, merocgi.pc, merosdk.pc and
 # zel.pc name the library that holds those symbols (libwebapi itself unless
@@ -52,7 +55,7 @@ function(webapi_pkgconfig name description requires libname)
   set(PC_REQUIRES ${requires})
   set(PC_LIBNAME ${libname})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc @ONLY)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
 if(WEBAPI_SPLIT_PLATFORM)
   webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk mero-pam-login zel" webapi)

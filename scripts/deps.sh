@@ -12,6 +12,7 @@ packages=(
   libpam0g-dev libpam-modules libpam-pwdfile  # logins through PAM; the demo's password file
   libpam-wrapper libnss-wrapper libuid-wrapper  # test users, groups, PAM modules and id switching
   openssl  # the demo hashes its password with openssl passwd
+  lintian  # the Debian packages' test
   chromium python3-websockets  # the admin page's test in a real browser
 )
 missing=()
