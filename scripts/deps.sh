@@ -9,6 +9,7 @@ packages=(
   libjsoncpp-dev liblmdb-dev
   libcurl4-openssl-dev  # the end-to-end tests; url_codec_bench compares with libcurl
   lighttpd curl
+  nginx fcgiwrap apache2  # the end-to-end tests behind the other documented servers
   libpam0g-dev libpam-modules libpam-pwdfile  # logins through PAM; the demo's password file
   libpam-wrapper libnss-wrapper libuid-wrapper  # test users, groups, PAM modules and id switching
   openssl  # the demo hashes its password with openssl passwd
@@ -26,3 +27,17 @@ echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+# The end-to-end tests start their own servers on free loopback ports; a
+# service that installing a server package started (where policy allows
+# it) is stopped and disabled, so it holds no port and takes no requests.
+for package in nginx fcgiwrap apache2; do
+  [[ " ${missing[*]} " == *" $package "* ]] || continue
+  for service in "$package" "$package.socket"; do
+    if [ -d /run/systemd/system ]; then
+      $sudo systemctl disable --now "$service" >/dev/null 2>&1 || true
+    elif [ -x "/etc/init.d/$service" ]; then
+      $sudo service "$service" stop >/dev/null 2>&1 || true
+    fi
+  done
+done

@@ -5,18 +5,24 @@
 #   WORK/cgi/     the example programs, answering at /api/<name>
 #   WORK/www/     the admin page (examples/www), served at /
 #   WORK/lighttpd.conf, WORK/logs/
+#   WORK/nginx.conf, WORK/nginx-site.conf   with SERVER nginx: the server
+#                 block of nginx-fcgiwrap.conf with this layout's paths, in
+#                 a main configuration that keeps every file under WORK
+#   WORK/apache.conf, WORK/apache-site.conf with SERVER apache: the same of
+#                 apache.conf
 #   WORK/root/etc/pam.d/webui   the PAM service logins use: a password file
 #                               of crypt hashes (pam_pwdfile), every account
 #                               permitted
 #   WORK/root/etc/webapi-demo.passwd   that file: user "demo"
 #   WORK/demo-password  the demo user's password (kept across layouts)
-# usage: layout.sh BUILD_DIR WORK_DIR PORT
+# usage: layout.sh BUILD_DIR WORK_DIR PORT [SERVER]   (lighttpd, nginx or apache)
 set -euo pipefail
 umask 077  # the session files below log anyone in who can read them
 build=$(realpath "$1")
 mkdir -p "$2"
 work=$(realpath "$2")
 port=$3
+server=${4:-lighttpd}
 here=$(dirname "$(realpath "$0")")
 
 rm -rf "$work/root" "$work/cgi"
@@ -39,6 +45,60 @@ cp "$here"/../www/* "$work/www/"
 case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
 sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
   -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
+# The documented configurations themselves, pointed at this layout: its
+# port, its programs, its appliance root.
+case $server in
+nginx)
+  sed -e "s|listen 127.0.0.1:8080;|listen 127.0.0.1:$port;|" -e "s|/usr/lib/webapi/cgi/|$work/cgi/|" \
+    -e "s|unix:/run/fcgiwrap.socket|unix:$work/fcgiwrap.socket|" \
+    -e "s|# fastcgi_param MERO_APPLIANCE_ROOT .*|fastcgi_param MERO_APPLIANCE_ROOT $work/root;|" \
+    "$here/nginx-fcgiwrap.conf" >"$work/nginx-site.conf"
+  mkdir -p "$work/tmp/nginx"
+  cat >"$work/nginx.conf" <<NGINX
+daemon off;
+pid $work/nginx.pid;
+error_log $work/logs/error.log;
+worker_processes 2;
+events { worker_connections 256; }
+http {
+    # The path without the query string: a _sid parameter is a session
+    # identifier, which must never land in a log.
+    log_format webapi '\$remote_addr [\$time_local] "\$request_method \$uri \$server_protocol" \$status \$body_bytes_sent';
+    access_log $work/logs/access.log webapi;
+    client_body_temp_path $work/tmp/nginx/body;
+    fastcgi_temp_path $work/tmp/nginx/fastcgi;
+    proxy_temp_path $work/tmp/nginx/proxy;
+    uwsgi_temp_path $work/tmp/nginx/uwsgi;
+    scgi_temp_path $work/tmp/nginx/scgi;
+    include $work/nginx-site.conf;
+}
+NGINX
+  ;;
+apache)
+  sed -e "s|<VirtualHost 127.0.0.1:8080>|<VirtualHost 127.0.0.1:$port>|" -e "s|/usr/lib/webapi/cgi|$work/cgi|g" \
+    -e "s|# SetEnv MERO_APPLIANCE_ROOT .*|SetEnv MERO_APPLIANCE_ROOT $work/root|" \
+    "$here/apache.conf" >"$work/apache-site.conf"
+  modules=/usr/lib/apache2/modules
+  cat >"$work/apache.conf" <<APACHE
+ServerRoot $work
+ServerName 127.0.0.1
+Define APACHE_LOG_DIR $work/logs
+LoadModule mpm_event_module $modules/mod_mpm_event.so
+LoadModule authz_core_module $modules/mod_authz_core.so
+LoadModule alias_module $modules/mod_alias.so
+LoadModule env_module $modules/mod_env.so
+LoadModule cgid_module $modules/mod_cgid.so
+Listen 127.0.0.1:$port
+PidFile $work/apache.pid
+DefaultRuntimeDir $work/tmp
+ScriptSock $work/cgid.sock
+ErrorLog $work/logs/error.log
+Include $work/apache-site.conf
+APACHE
+  ;;
+lighttpd) ;;
+*) echo "layout: unknown server $server" >&2; exit 1;;
+esac
 chmod go+rx "$work" "$work/cgi" "$work/www"
 chmod go+r "$work/www"/* "$work/lighttpd.conf"
 

@@ -1,16 +1,23 @@
-// The example API behind a real lighttpd on 127.0.0.1, laid out by the same
-// script as the demo, driven with libcurl as a browser would call it.
+// The example API behind a real web server on 127.0.0.1, laid out by the
+// same script as the demo, driven with libcurl as a browser would call it.
+// E2E_SERVER picks the server and so the configuration of examples/deploy/
+// it runs: lighttpd (the default), nginx (in front of fcgiwrap) or apache
+// (mod_cgid). Where the servers differ, the cases say how.
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -65,29 +72,84 @@ std::string ReadFile(const fs::path& file) {
 
 class ServedApiTest : public ::testing::Test {
  protected:
+  static std::string Server() {
+    const char* name = std::getenv("E2E_SERVER");
+    return name && *name ? name : "lighttpd";
+  }
+  static bool Is(const char* name) { return Server() == name; }
+
+  // What differs between the servers, each difference seen on Debian 12.
+  struct Traits {
+    // The library writes "Content-type"; nginx and Apache rename the
+    // header as they parse it, lighttpd passes it on as written.
+    const char* contentType;
+    const char* serverHeader;  // each names itself
+    // A body over the parameter-line limit, which the program does not
+    // read: lighttpd answers with the program's envelope; fcgiwrap fails
+    // writing the rest into the pipe and nginx passes on its 502; Apache
+    // closes the connection without an answer.
+    long tooLargeStatus;
+    const char* tooLargeBody;
+    CURLcode tooLargeResult;
+    // A program that exits printing nothing.
+    long silentStatus;
+  };
+  static Traits Expected() {
+    if (Is("nginx"))
+      return {"Content-Type: text/plain; charset=\"UTF-8\"", "\r\nServer: nginx/", 502,
+              "An error occurred while reading the request\n", CURLE_OK, 502};
+    if (Is("apache"))
+      return {"Content-Type: text/plain; charset=\"UTF-8\"", "\r\nServer: Apache/", 0, "", CURLE_GOT_NOTHING, 500};
+    return {"Content-type: text/plain; charset=\"UTF-8\"", "\r\nServer: lighttpd/", 200,
+            "{\"error\":{\"code\":101},\"success\":false}\n", CURLE_OK, 500};
+  }
+
   static void SetUpTestSuite() {
     curl_global_init(CURL_GLOBAL_DEFAULT);
-    std::string templ = std::string(E2E_BUILD_DIR) + "/e2e-XXXXXX";
+    // Apache runs its CGI programs as another user when started as root,
+    // and nginx's workers could not reach fcgiwrap's socket: as root, the
+    // whole test becomes nobody, in a directory of nobody's so that it can
+    // remove its work directory afterwards.
+    fs::path parent = E2E_BUILD_DIR;
+    if (!Is("lighttpd") && geteuid() == 0) {
+      parent /= "e2e-nobody";
+      ASSERT_TRUE(BecomeNobody(parent));
+    }
+    std::string templ = (parent / ("e2e-" + Server() + "-XXXXXX")).string();
     ASSERT_NE(mkdtemp(templ.data()), nullptr);
     work_ = templ;
-    for (int attempt = 0; attempt < 3 && server_ <= 0; ++attempt) StartServer();
-    ASSERT_GT(server_, 0) << "lighttpd did not start; see " << work_ << "/logs";
+    for (int attempt = 0; attempt < 3 && servers_.empty(); ++attempt) StartServer();
+    ASSERT_FALSE(servers_.empty()) << Server() << " did not start; see " << work_ << "/logs";
     session_ = SessionOf("--user demo --client 127.0.0.1 --registry demo");
     adminSession_ = SessionOf("--user root --client 127.0.0.1 --registry demoadmin --privilege admin");
     password_ = ReadFile(work_ / "demo-password");
   }
 
-  static void TearDownTestSuite() {
-    if (server_ > 0) {
-      kill(server_, SIGTERM);
-      int status = 0;
-      for (int i = 0; i < 100 && waitpid(server_, &status, WNOHANG) == 0; ++i) usleep(50000);
-      if (waitpid(server_, &status, WNOHANG) == 0) {
-        kill(server_, SIGKILL);
-        waitpid(server_, &status, 0);
-      }
-      server_ = 0;
+  static bool BecomeNobody(const fs::path& home) {
+    const passwd* nobody = getpwnam("nobody");
+    std::error_code ignored;
+    fs::create_directory(home, ignored);
+    if (!nobody || chown(home.c_str(), nobody->pw_uid, nobody->pw_gid) != 0) return false;
+    return setgroups(0, nullptr) == 0 && setgid(nobody->pw_gid) == 0 &&
+           setuid(nobody->pw_uid) == 0;
+  }
+
+  // Each server runs in a process group of its own, led by the pid we keep,
+  // so that stopping it by that pid also stops the workers it forked.
+  static void Stop(pid_t pid) {
+    kill(-pid, SIGTERM);
+    int status = 0;
+    for (int i = 0; i < 100 && waitpid(pid, &status, WNOHANG) == 0; ++i) usleep(50000);
+    if (waitpid(pid, &status, WNOHANG) == 0) {
+      kill(-pid, SIGKILL);
+      waitpid(pid, &status, 0);
     }
+    kill(-pid, SIGKILL);  // workers that outlived their parent
+  }
+
+  static void TearDownTestSuite() {
+    for (auto pid = servers_.rbegin(); pid != servers_.rend(); ++pid) Stop(*pid);
+    servers_.clear();
     std::error_code ignored;
     if (!work_.empty() && !std::getenv("E2E_KEEP")) fs::remove_all(work_, ignored);
     curl_global_cleanup();
@@ -118,36 +180,80 @@ class ServedApiTest : public ::testing::Test {
     return up;
   }
 
+  // Runs a server program with its output in logs/NAME.log; Debian puts
+  // them all in /usr/sbin, which is not on most users' PATH.
+  static pid_t Spawn(const std::string& name, std::vector<std::string> arguments) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      setpgid(0, 0);
+      const std::string log = (work_ / "logs" / (name + ".log")).string();
+      freopen(log.c_str(), "w", stdout);
+      freopen(log.c_str(), "a", stderr);
+      std::vector<char*> argv;
+      for (std::string& argument : arguments) argv.push_back(argument.data());
+      argv.push_back(nullptr);
+      execvp(argv[0], argv.data());
+      execv(("/usr/sbin/" + arguments[0]).c_str(), argv.data());
+      _exit(127);
+    }
+    if (pid > 0) setpgid(pid, pid);  // either side may run first
+    return pid;
+  }
+
+  // Waits until `ready` holds while `pid` lives; false (and `pid` stopped)
+  // if it exited or took more than five seconds.
+  template <typename Ready>
+  static bool WaitFor(pid_t pid, Ready ready) {
+    for (int i = 0; i < 100; ++i) {
+      if (ready()) return true;
+      int status = 0;
+      if (waitpid(pid, &status, WNOHANG) == pid) return false;  // maybe the port was taken
+      usleep(50000);
+    }
+    Stop(pid);
+    return false;
+  }
+
   static void StartServer() {
     port_ = FreePort();
     const std::string layout = "bash " + Quoted(E2E_LAYOUT_SCRIPT) + " " + Quoted(E2E_BUILD_DIR) +
-                               " " + Quoted(work_.string()) + " " + std::to_string(port_);
+                               " " + Quoted(work_.string()) + " " + std::to_string(port_) + " " +
+                               Server();
     ASSERT_EQ(std::system(layout.c_str()), 0) << layout;
-    const std::string config = (work_ / "lighttpd.conf").string();
-    const pid_t pid = fork();
-    if (pid == 0) {
-      const std::string log = (work_ / "logs/stdout.log").string();
-      freopen(log.c_str(), "w", stdout);
-      freopen(log.c_str(), "a", stderr);
-      execlp("lighttpd", "lighttpd", "-D", "-f", config.c_str(), static_cast<char*>(nullptr));
-      // Not on PATH (sbin is not, for most users): where Debian puts it.
-      execl("/usr/sbin/lighttpd", "lighttpd", "-D", "-f", config.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
+    const std::string work = work_.string();
+    std::vector<pid_t> started;
+    pid_t front = 0;
+    if (Is("lighttpd")) {
+      front = Spawn("lighttpd", {"lighttpd", "-D", "-f", work + "/lighttpd.conf"});
+    } else if (Is("nginx")) {
+      const std::string socket = work + "/fcgiwrap.socket";
+      const pid_t wrapper = Spawn("fcgiwrap", {"fcgiwrap", "-c", "4", "-s", "unix:" + socket});
+      if (!WaitFor(wrapper, [&] { return access(socket.c_str(), F_OK) == 0; })) return;
+      started.push_back(wrapper);
+      front = Spawn("nginx", {"nginx", "-p", work, "-c", work + "/nginx.conf", "-e",
+                              work + "/logs/error.log"});
+    } else if (Is("apache")) {
+      front = Spawn("apache2", {"apache2", "-DFOREGROUND", "-f", work + "/apache.conf"});
+    } else {
+      FAIL() << "E2E_SERVER is lighttpd, nginx or apache, not " << Server();
     }
-    for (int i = 0; i < 100; ++i) {
-      if (Answers(port_)) {
-        server_ = pid;
-        return;
-      }
-      int status = 0;
-      if (waitpid(pid, &status, WNOHANG) == pid) return;  // it exited: maybe the port was taken
-      usleep(50000);
+    if (front > 0 && WaitFor(front, [] { return Answers(port_); })) {
+      started.push_back(front);
+      servers_ = started;
+      return;
     }
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    for (pid_t pid : started) Stop(pid);
   }
 
   static Answer Fetch(const Request& request) {
+    CURLcode result = CURLE_OK;
+    Answer answer = FetchWith(request, &result);
+    EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result) << " for " << request.path;
+    return answer;
+  }
+
+  // The same, for the cases where a server may answer nothing at all.
+  static Answer FetchWith(const Request& request, CURLcode* result) {
     Answer answer;
     CURL* curl = curl_easy_init();
     const std::string url = "http://127.0.0.1:" + std::to_string(port_) + "/api/" + request.path;
@@ -174,8 +280,7 @@ class ServedApiTest : public ::testing::Test {
     if (!request.post.empty() && !origin)
       headers = curl_slist_append(headers, ("Origin: http://127.0.0.1:" + std::to_string(port_)).c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    const CURLcode result = curl_easy_perform(curl);
-    EXPECT_EQ(result, CURLE_OK) << curl_easy_strerror(result) << " for " << url;
+    *result = curl_easy_perform(curl);
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
     curl_slist* jar = nullptr;
     curl_easy_getinfo(curl, CURLINFO_COOKIELIST, &jar);
@@ -203,13 +308,13 @@ class ServedApiTest : public ::testing::Test {
 
   static fs::path work_;
   static int port_;
-  static pid_t server_;
+  static std::vector<pid_t> servers_;  // in the order they started
   static std::string session_, adminSession_, password_;
 };
 
 fs::path ServedApiTest::work_;
 int ServedApiTest::port_ = 0;
-pid_t ServedApiTest::server_ = 0;
+std::vector<pid_t> ServedApiTest::servers_;
 std::string ServedApiTest::session_, ServedApiTest::adminSession_, ServedApiTest::password_;
 
 const char kSysinfo[] = "sysinfo?api=Demo.SystemInfo&method=get&version=1";
@@ -220,7 +325,7 @@ TEST_F(ServedApiTest, SuccessCarriesTheEnvelopeAndSecurityHeaders) {
   EXPECT_EQ(answer.body.rfind(R"({"data":{"hostname":)", 0), 0u) << answer.body;
   EXPECT_NE(answer.body.find(R"("success":true})"), std::string::npos);
   for (const char* header :
-       {"Content-type: text/plain; charset=\"UTF-8\"", "X-Frame-Options: SAMEORIGIN",
+       {Expected().contentType, Expected().serverHeader, "X-Frame-Options: SAMEORIGIN",
         "X-Content-Type-Options: nosniff", "Referrer-Policy: same-origin",
         "Content-Security-Policy: default-src 'self'"})
     EXPECT_NE(answer.headers.find(header), std::string::npos) << header << "\n" << answer.headers;
@@ -337,12 +442,32 @@ TEST_F(ServedApiTest, HostileRequestsGetAnOrdinaryAnswer) {
       EXPECT_EQ(answer.status, 400) << host;
   }
   // A body over the 1 MiB parameter-line limit is refused whole: no
-  // parameter at all, so 101, and nothing of it is read as parameters.
+  // parameter at all, so 101 where the server lets the envelope through,
+  // and nothing of it is read as parameters (the theme stays unsaved).
   const std::string big =
       "api=Demo.Settings&method=set&version=1&theme=dark&pad=" + std::string(1536 * 1024, 'a');
-  const Answer tooLarge = Fetch({"settings", id, big});
-  EXPECT_EQ(tooLarge.status, 200);
-  EXPECT_EQ(tooLarge.body, Error(101));
+  CURLcode result = CURLE_OK;
+  const Answer tooLarge = FetchWith({"settings", id, big}, &result);
+  EXPECT_EQ(result, Expected().tooLargeResult) << curl_easy_strerror(result);
+  if (result == CURLE_OK) {
+    EXPECT_EQ(tooLarge.status, Expected().tooLargeStatus);
+  }
+  EXPECT_EQ(tooLarge.body, Expected().tooLargeBody);
+  EXPECT_EQ(tooLarge.headers.find("Set-Cookie"), std::string::npos);
+}
+
+TEST_F(ServedApiTest, ProgramThatPrintsNothingIsAServerError) {
+  const fs::path program = work_ / "cgi/maintenance";
+  fs::remove(program);
+  std::ofstream(program) << "#!/bin/sh\nexit 0\n";
+  fs::permissions(program, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                               fs::perms::others_read | fs::perms::others_exec);
+  const Answer silent = Fetch({"maintenance?api=Demo.Maintenance&method=status&version=1",
+                               "id=" + adminSession_});
+  fs::remove(program);
+  fs::create_symlink(fs::path(E2E_BUILD_DIR) / "examples/maintenance", program);
+  EXPECT_EQ(silent.status, Expected().silentStatus) << silent.headers << silent.body;
+  EXPECT_EQ(silent.body.find("success"), std::string::npos) << silent.body;
 }
 
 TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
