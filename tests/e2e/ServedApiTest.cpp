@@ -11,13 +11,11 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -99,7 +97,8 @@ class ServedApiTest : public ::testing::Test {
       return {"Content-Type: text/plain; charset=\"UTF-8\"", "\r\nServer: nginx/", 502,
               "An error occurred while reading the request\n", CURLE_OK, 502};
     if (Is("apache"))
-      return {"Content-Type: text/plain; charset=\"UTF-8\"", "\r\nServer: Apache/", 0, "", CURLE_GOT_NOTHING, 500};
+      return {"Content-Type: text/plain; charset=\"UTF-8\"", "\r\nServer: Apache/", 0, "",
+              CURLE_GOT_NOTHING, 500};
     return {"Content-type: text/plain; charset=\"UTF-8\"", "\r\nServer: lighttpd/", 200,
             "{\"error\":{\"code\":101},\"success\":false}\n", CURLE_OK, 500};
   }
@@ -118,6 +117,7 @@ class ServedApiTest : public ::testing::Test {
     std::string templ = (parent / ("e2e-" + Server() + "-XXXXXX")).string();
     ASSERT_NE(mkdtemp(templ.data()), nullptr);
     work_ = templ;
+    setenv(kServerMark, "inherited", 1);
     for (int attempt = 0; attempt < 3 && servers_.empty(); ++attempt) StartServer();
     ASSERT_FALSE(servers_.empty()) << Server() << " did not start; see " << work_ << "/logs";
     session_ = SessionOf("--user demo --client 127.0.0.1 --registry demo");
@@ -302,6 +302,9 @@ class ServedApiTest : public ::testing::Test {
     return text;
   }
 
+  static Answer FetchFromScript(const std::string& script);
+  static constexpr const char* kServerMark = "WEBAPI_E2E_SERVER_MARK";
+
   static std::string Error(int code) {
     return R"({"error":{"code":)" + std::to_string(code) + R"(},"success":false})" + "\n";
   }
@@ -456,18 +459,33 @@ TEST_F(ServedApiTest, HostileRequestsGetAnOrdinaryAnswer) {
   EXPECT_EQ(tooLarge.headers.find("Set-Cookie"), std::string::npos);
 }
 
-TEST_F(ServedApiTest, ProgramThatPrintsNothingIsAServerError) {
+// Answers one request with a shell script in place of the maintenance
+// program, which is put back afterwards.
+Answer ServedApiTest::FetchFromScript(const std::string& script) {
   const fs::path program = work_ / "cgi/maintenance";
   fs::remove(program);
-  std::ofstream(program) << "#!/bin/sh\nexit 0\n";
+  std::ofstream(program) << "#!/bin/sh\n" << script;
   fs::permissions(program, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                                fs::perms::others_read | fs::perms::others_exec);
-  const Answer silent = Fetch({"maintenance?api=Demo.Maintenance&method=status&version=1",
-                               "id=" + adminSession_});
+  const Answer answer = Fetch({"maintenance", "id=" + adminSession_});
   fs::remove(program);
   fs::create_symlink(fs::path(E2E_BUILD_DIR) / "examples/maintenance", program);
+  return answer;
+}
+
+TEST_F(ServedApiTest, ProgramThatPrintsNothingIsAServerError) {
+  const Answer silent = FetchFromScript("exit 0\n");
   EXPECT_EQ(silent.status, Expected().silentStatus) << silent.headers << silent.body;
   EXPECT_EQ(silent.body.find("success"), std::string::npos) << silent.body;
+}
+
+// What the server's own environment holds (the test set kServerMark before
+// starting it) reaches the programs only through fcgiwrap.
+TEST_F(ServedApiTest, ServerEnvironmentReachesProgramsOnlyThroughFcgiwrap) {
+  const Answer answer = FetchFromScript(std::string("printf 'Content-Type: text/plain\\r\\n\\r\\n%s\\n' \"${") +
+                                        kServerMark + ":-unset}\"\n");
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.body, Is("nginx") ? "inherited\n" : "unset\n");
 }
 
 TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
