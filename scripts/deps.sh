@@ -10,6 +10,7 @@ packages=(
   libcurl4-openssl-dev  # the end-to-end tests; url_codec_bench compares with libcurl
   lighttpd curl
   libpam0g-dev libpam-modules libpam-pwdfile  # logins through PAM; the demo's password file
+  libcrypt-dev  # link passwords: crypt.h (libcrypt itself is loaded when a password is checked)
   libpam-wrapper libnss-wrapper libuid-wrapper  # test users, groups, PAM modules and id switching
   openssl  # the demo hashes its password with openssl passwd
   chromium python3-websockets  # the admin page's test in a real browser
