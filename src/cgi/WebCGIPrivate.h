@@ -9,6 +9,7 @@
 #include <string>
 
 #include "merocgi.h"
+#include "merosharing.h"
 
 namespace MERO {
 
@@ -63,6 +64,7 @@ class WebCGIPrivate {
   void ParseHostAndPort();
   bool ParseHostAndPort(const std::string& url, std::string& hostOut, std::string& portOut);
   void LoadURL();
+  void LoadSharingURL();
 
   MEROCGI_STATE* State() { return &cgiState.state; }
 
@@ -77,8 +79,9 @@ class WebCGIPrivate {
   uint32_t loginFlags = kLoginAllCategories;
   std::string sharingId;
   std::string sharingSid;
-  // TODO: sharingEntry, sharingSession and sharingToken join here with the
-  // sharing library; until then no request is a sharing request.
+  sharing::record::Entry sharingEntry;
+  sharing::record::Session sharingSession;
+  sharing::record::Token sharingToken;
   bool sharingURLLoaded = false;
   std::string sharingURL;
   int sharingURLType = 4;
