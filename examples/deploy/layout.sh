@@ -9,6 +9,8 @@
 #                               of crypt hashes (pam_pwdfile), every account
 #                               permitted
 #   WORK/root/etc/webapi-demo.passwd   that file: user "demo"
+#   WORK/root/var/lib/webapi-demo/files/   what Demo.Share lists and links share
+#   WORK/root/usr/mero/bin/merosharingchecker  the checker sharing requests run
 #   WORK/demo-password  the demo user's password (kept across layouts)
 # usage: layout.sh BUILD_DIR WORK_DIR PORT
 set -euo pipefail
@@ -23,9 +25,14 @@ rm -rf "$work/root" "$work/cgi"
 mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
-for program in sysinfo settings maintenance auth preferences; do
+for program in sysinfo settings maintenance auth preferences share; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
+mkdir -p "$work/root/usr/mero/bin" "$work/root/var/lib/webapi-demo/files/docs/reports"
+ln -s "$build/tools/merosharingchecker" "$work/root/usr/mero/bin/merosharingchecker"
+printf 'Welcome to the shared folder.\n' >"$work/root/var/lib/webapi-demo/files/docs/readme.txt"
+printf 'quarter,revenue\nQ1,120\nQ2,135\n' >"$work/root/var/lib/webapi-demo/files/docs/reports/q2.csv"
+printf 'not shared\n' >"$work/root/var/lib/webapi-demo/files/private.txt"
 cp "$here"/../www/* "$work/www/"
 # The paths go into the configuration as quoted strings and into sed as
 # replacement text: refuse what either would misread.
