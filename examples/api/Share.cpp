@@ -9,6 +9,9 @@
 //                       "type":"file","size":12},...]},...}
 //                   method=download  path=/docs/a.txt (a download method:
 //                   the file itself, as an attachment)
+//   Demo.ShareLink  method=get (through a link; no checker, it names no
+//                   item) -> {"data":{"item":"/docs"},...}: where the
+//                   visitor's page starts
 //   Demo.ShareAuth  method=unlock    password=... (POST, with the link id in
 //                   _sharing_id or X-Mero-Sharing; no session needed)
 //                   proves a link's password: sets the sharing session
@@ -61,6 +64,11 @@ class ShareApi : public MERO::WebAPI {
 
   void HandleRequest() override {
     if (std::strcmp(api, "Demo.ShareAuth") == 0) return Unlock();
+    if (std::strcmp(api, "Demo.ShareLink") == 0) {
+      Json::Value data;
+      data["item"] = cgi.GetSharingEntry().item;
+      return SetResponse(data);
+    }
     const char* path = cgi.In("path", nullptr);
     if (!path || !IsCleanPath(path)) return Fail(kErrorBadPath);
     if (strcasecmp(method, "list") == 0) return List(path);

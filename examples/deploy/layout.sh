@@ -3,7 +3,8 @@
 #   WORK/root/    appliance root: description and auth files, the session
 #                 store, the settings directory
 #   WORK/cgi/     the example programs, answering at /api/<name>
-#   WORK/www/     the admin page (examples/www), served at /
+#   WORK/www/     the admin page (examples/www), served at /, and the page
+#                 that opens sharing links at /sharing/
 #   WORK/lighttpd.conf, WORK/logs/
 #   WORK/root/etc/pam.d/webui   the PAM service logins use: a password file
 #                               of crypt hashes (pam_pwdfile), every account
@@ -33,14 +34,15 @@ ln -s "$build/tools/merosharingchecker" "$work/root/usr/mero/bin/merosharingchec
 printf 'Welcome to the shared folder.\n' >"$work/root/var/lib/webapi-demo/files/docs/readme.txt"
 printf 'quarter,revenue\nQ1,120\nQ2,135\n' >"$work/root/var/lib/webapi-demo/files/docs/reports/q2.csv"
 printf 'not shared\n' >"$work/root/var/lib/webapi-demo/files/private.txt"
-cp "$here"/../www/* "$work/www/"
+cp -R "$here"/../www/. "$work/www/"
 # The paths go into the configuration as quoted strings and into sed as
 # replacement text: refuse what either would misread.
 case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
 sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
   -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
 chmod go+rx "$work" "$work/cgi" "$work/www"
-chmod go+r "$work/www"/* "$work/lighttpd.conf"
+chmod -R go+rX "$work/www"
+chmod go+r "$work/lighttpd.conf"
 
 [ -s "$work/demo-password" ] || openssl rand -base64 12 | tr -d '/+=\n' >"$work/demo-password"
 printf 'demo:%s\n' "$(openssl passwd -6 -stdin <"$work/demo-password")" >"$work/root/etc/webapi-demo.passwd"

@@ -480,6 +480,10 @@ TEST_F(ServedApiTest, SharingLinksWithAndWithoutTheirPassword) {
   const std::string prefix = "http://127.0.0.1:" + std::to_string(port_) + "/sharing/#";
   ASSERT_EQ(address.rfind(prefix, 0), 0u) << address;
   const std::string open = address.substr(prefix.size());
+  // The address leads to the page that opens links; the page starts at the link's item.
+  EXPECT_NE(Fetch({"../sharing/"}).body.find("<script src=\"sharing.js\""), std::string::npos);
+  EXPECT_EQ(Fetch({"share?api=Demo.ShareLink&method=get&version=1", "", "", {"X-Mero-Sharing: " + open}}).body,
+            R"({"data":{"item":"/docs"},"success":true})" "\n");
   const std::string list = "share?api=Demo.Share&method=list&version=1&path=";
   const Answer listed = Fetch({list + "/docs&_sharing_id=" + open});
   EXPECT_EQ(listed.body,
