@@ -35,7 +35,7 @@ std::string Error(int code) {
          "\n";
 }
 
-struct LinkSpec {
+struct LinkOptions {
   std::vector<const char*> apis = {"Probe.Shared"};
   const char* item = "/docs";
   long long expires = 0;
@@ -55,17 +55,17 @@ class SharingTest : public webapi_test::ApplianceRootTest {
                                     root() / "usr/mero/bin/merosharingchecker");
   }
 
-  static std::string Link(const LinkSpec& spec = {}) {
+  static std::string Link(const LinkOptions& options = {}) {
     MEROSHARING_LINK_INFO link{};
-    link.item = spec.item;
-    link.apis = spec.apis.data();
-    link.apiCount = static_cast<int>(spec.apis.size());
+    link.item = options.item;
+    link.apis = options.apis.data();
+    link.apiCount = static_cast<int>(options.apis.size());
     link.owner = "alice";
-    link.expires = spec.expires;
-    link.accessLimit = spec.limit;
-    link.enabled = spec.enabled;
+    link.expires = options.expires;
+    link.accessLimit = options.limit;
+    link.enabled = options.enabled;
     char id[MERO_SHARING_ID_CHARS + 1];
-    EXPECT_EQ(MeroSharingLinkCreate(&link, spec.password, id, sizeof id), MERO_SHARING_AUTHORIZED);
+    EXPECT_EQ(MeroSharingLinkCreate(&link, options.password, id, sizeof id), MERO_SHARING_AUTHORIZED);
     return id;
   }
 

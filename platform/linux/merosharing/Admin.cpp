@@ -14,6 +14,7 @@
 #include "LinkRules.h"
 #include "PasswordHash.h"
 #include "SharingLog.h"
+#include "Throttle.h"
 #include "merosharing.h"
 
 namespace MERO {
@@ -205,12 +206,7 @@ int Purge(int64_t now) {
       });
     if (status == 0)
       status = db::ForEach(txn, store->throttle, [&](const MDB_val&, const MDB_val& value) {
-        int64_t words[3] = {};
-        if (value.mv_size != sizeof words) return true;
-        for (int w = 0; w < 3; ++w)
-          for (int i = 0; i < 8; ++i)
-            words[w] |= int64_t(static_cast<const uint8_t*>(value.mv_data)[8 * w + i]) << (8 * i);
-        return now - words[1] > MERO_SHARING_THROTTLE_WINDOW && now >= words[2];
+        return IsStale(DecodeCount(value), now);
       });
     if (failed) return MERO_SHARING_STORE_ERROR;
     return status < 0 ? status : removed;
