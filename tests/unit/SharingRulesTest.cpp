@@ -9,6 +9,7 @@
 
 #include "ApplianceRootEnv.h"
 #include "merosharing.h"
+#include "webapi/WebCGI.h"
 
 namespace {
 
@@ -84,6 +85,24 @@ TEST(SharingRulesTest, BaseAddressOfLinks) {
 }
 
 class SharingAdminTest : public webapi_test::ApplianceRootTest {};
+
+// The context derives the base address once, from the request's origin and
+// portal, and hands out the fallback when there is none.
+TEST_F(SharingAdminTest, ContextDerivesTheBaseAddressOnce) {
+  using webapi_test::SetEnvOrUnset;
+  {
+    MERO::WebCGI cgi("zel", false);
+    EXPECT_EQ(cgi.GetSharingURL("fallback"), "fallback");  // no Host header
+    EXPECT_EQ(cgi.GetSharingURLType(), MERO::sharing::SHARING_URL_NONE);
+    SetEnvOrUnset("HTTP_HOST", "nas.example:8443");
+    EXPECT_EQ(cgi.GetSharingURL("fallback"), "fallback");  // kept for the request
+  }
+  SetEnvOrUnset("HTTPS", "on");
+  SetEnvOrUnset("REWRITE_APP", "files");
+  MERO::WebCGI cgi("zel", false);
+  EXPECT_EQ(cgi.GetSharingURL("fallback"), "https://nas.example:8443/files/sharing/");
+  EXPECT_EQ(cgi.GetSharingURLType(), MERO::sharing::SHARING_URL_PORTAL_HTTPS);
+}
 
 TEST_F(SharingAdminTest, CreateRefusesUnusableLinksAndWritesNothing) {
   const char* good[] = {"Demo.Share:list"};
