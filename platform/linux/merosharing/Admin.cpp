@@ -112,10 +112,16 @@ int List(void (*visit)(const MEROSHARING_LINK_INFO*, void*), void* context) {
     });
   });
   if (status < 0) return status;
-  std::stable_sort(links.begin(), links.end(),
-                   [](const Listed& a, const Listed& b) { return a.row.created < b.row.created; });
+  // Oldest first, sorting positions: sorting the records themselves would
+  // instantiate the sort for them, some tens of KiB of code in the library.
+  std::vector<size_t> order(links.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    return links[a].row.created < links[b].row.created;
+  });
   // The store's transaction is over: `visit` may call the other operations.
-  for (Listed& link : links) {
+  for (size_t position : order) {
+    Listed& link = links[position];
     std::vector<const char*> apis;
     for (size_t at = 0; at < link.row.apis.size();) {
       size_t end = link.row.apis.find('\n', at);
