@@ -7,7 +7,7 @@ include(CMakePackageConfigHelpers)
 
 set(webapi_install_targets webapi)
 if(WEBAPI_SPLIT_PLATFORM)
-  list(APPEND webapi_install_targets merocore merocgi merosdk mero_pam_login zel)
+  list(APPEND webapi_install_targets merocore merocgi merosdk merosharing mero_pam_login zel)
 endif()
 
 install(TARGETS ${webapi_install_targets}
@@ -28,6 +28,7 @@ install(FILES
   platform/include/merocgi.h
   platform/include/merocore.h
   platform/include/merosdk.h
+  platform/include/merosharing.h
   platform/include/mero_pam_login.h
   platform/include/zel.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mero COMPONENT dev)
@@ -43,8 +44,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/webapiConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/webapiConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/webapi COMPONENT dev)
 
-# pkg-config: webapi.pc always; merocore.pc, merocgi.pc, merosdk.pc and
-# zel.pc name the library that holds those symbols (libwebapi itself unless
+# pkg-config: webapi.pc always; merocore.pc, merocgi.pc, merosdk.pc,
+# merosharing.pc and zel.pc name the library that holds those symbols (libwebapi itself unless
 # the platform is split).
 # The prefix is found relative to the .pc file, so a staged or relocated
 # install works as well as the configured prefix.
@@ -58,10 +59,11 @@ function(webapi_pkgconfig name description requires libname)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endfunction()
 if(WEBAPI_SPLIT_PLATFORM)
-  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk mero-pam-login zel" webapi)
+  webapi_pkgconfig(webapi "Web administration API library for CGI programs" "jsoncpp merocgi merocore merosdk merosharing mero-pam-login zel" webapi)
   webapi_pkgconfig(merocore "Core platform library: string lists and hashes, settings, locks" "" merocore)
   webapi_pkgconfig(merocgi "CGI platform library: request state, parameters, cookies, response" "merocore mero-pam-login" merocgi)
   webapi_pkgconfig(merosdk "SDK platform library: accounts behind login names" "" merosdk)
+  webapi_pkgconfig(merosharing "Sharing platform library: links, sharing sessions, the sharing decision" "merocore" merosharing)
   webapi_pkgconfig(mero-pam-login "PAM login platform library: password checks, PAM configuration" "merocore" mero-pam-login)
   webapi_pkgconfig(zel "Security headers platform library" "jsoncpp" zel)
 else()
@@ -69,6 +71,7 @@ else()
   webapi_pkgconfig(merocore "Core platform library (inside libwebapi)" "" webapi)
   webapi_pkgconfig(merocgi "CGI platform library (inside libwebapi)" "merocore" webapi)
   webapi_pkgconfig(merosdk "SDK platform library (inside libwebapi)" "" webapi)
+  webapi_pkgconfig(merosharing "Sharing platform library (inside libwebapi)" "merocore" webapi)
   webapi_pkgconfig(mero-pam-login "PAM login platform library (inside libwebapi)" "merocore" webapi)
   webapi_pkgconfig(zel "Security headers platform library (inside libwebapi)" "jsoncpp" webapi)
 endif()

@@ -16,7 +16,8 @@ if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
 fi
 
 cmake --preset release >/dev/null
-cmake --build --preset release --target sysinfo settings maintenance auth preferences webapi-session
+cmake --build --preset release --target sysinfo settings maintenance auth preferences share \
+  webapi-session webapi-share merosharingchecker
 work=$PWD/build-release/demo
 bash examples/deploy/layout.sh build-release "$work" "$port"
 lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on every PATH
@@ -25,6 +26,16 @@ lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on eve
 password=$(cat "$work/demo-password")
 base="http://127.0.0.1:$port/api"
 jar=$work/cookies.txt
+# Two sharing links on the demo's folder /docs: one anybody with it may
+# use, one that wants its password first, good for 50 accesses.
+share="build-release/tools/webapi-share --root $work/root"
+open_link=$($share create --item /docs --api Demo.Share --owner demo --host 127.0.0.1 --port "$port")
+link_password=$(openssl rand -base64 9 | tr -d '/+=\n')
+locked_link=$(printf '%s\n' "$link_password" | $share create --item /docs --api Demo.Share:list \
+  --api Demo.Share:download --owner demo --limit 50 --password-stdin --host 127.0.0.1 --port "$port")
+open_id=${open_link#*#}
+locked_id=${locked_link#*#}
+visitor=$work/visitor-cookies.txt
 cat <<TEXT
 
 Open http://127.0.0.1:$port/ in a browser (Ctrl-C here stops the server).
@@ -46,6 +57,20 @@ cookie jar keeps the session):
   curl -s -b $jar -c $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Auth&method=logout&version=1' '$base/auth'
   curl -s -b $jar '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'             # 105: logged out
   curl -s -d 'api=Demo.Auth&method=login&version=1&user=demo&password=wrong' '$base/auth'   # 401; 429 after 5 tries
+
+Sharing links (the id is the part after '#' of each link's address):
+  open:   $open_link
+  locked: $locked_link   password: $link_password
+
+  # anybody with the open link lists /docs and downloads below it, without an account
+  curl -s '$base/share?api=Demo.Share&method=list&version=1&path=/docs&_sharing_id=$open_id'
+  curl -s -OJ '$base/share?api=Demo.Share&method=download&version=1&path=/docs/readme.txt&_sharing_id=$open_id'
+  curl -s '$base/share?api=Demo.Share&method=list&version=1&path=/&_sharing_id=$open_id'          # 127: outside the shared item
+  # the locked link answers 125 until its password is proven; the proof sets the sharing cookie
+  curl -s -H 'X-Mero-Sharing: $locked_id' '$base/share?api=Demo.Share&method=list&version=1&path=/docs'
+  curl -s -c $visitor -H 'X-Mero-Sharing: $locked_id' -d 'api=Demo.ShareAuth&method=unlock&version=1&password=$link_password' '$base/share'
+  curl -s -b $visitor -H 'X-Mero-Sharing: $locked_id' '$base/share?api=Demo.Share&method=list&version=1&path=/docs/reports'
+  $share list      # refs, accesses used; then: $share disable|revoke --ref REF
 
 Sessions: build-release/tools/webapi-session --root $work/root list
 Logs:     $work/logs/

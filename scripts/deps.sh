@@ -11,6 +11,7 @@ packages=(
   lighttpd curl
   nginx fcgiwrap apache2  # the end-to-end tests behind the other documented servers
   libpam0g-dev libpam-modules libpam-pwdfile  # logins through PAM; the demo's password file
+  libcrypt-dev  # link passwords: crypt.h (libcrypt itself is loaded when a password is checked)
   libpam-wrapper libnss-wrapper libuid-wrapper  # test users, groups, PAM modules and id switching
   openssl  # the demo hashes its password with openssl passwd
   lintian  # the Debian packages' test

@@ -11,7 +11,7 @@ lib=$1
 layout=${2:-bundled}
 symbols=$(nm -DC --defined-only "$lib" | awk '{ $1 = ""; print }' | sed 's/^ //')
 unexpected=$(printf '%s\n' "$symbols" | grep -v -E \
-  '^[TBDRVW] (MERO::|(typeinfo|typeinfo name|vtable) for MERO::|MLIBC[A-Za-z]+$|MLIBGroup[A-Za-z]+$|MeroCgi[A-Za-z0-9]+$|MeroPam[A-Za-z]+$|MERO[A-Z][A-Za-z]+$|MeroAppliance[A-Za-z]+$|MeroRequestIsHttps$)' \
+  '^[TBDRVW] (MERO::|(typeinfo|typeinfo name|vtable) for MERO::|MLIBC[A-Za-z]+$|MLIBGroup[A-Za-z]+$|MeroCgi[A-Za-z0-9]+$|MeroPam[A-Za-z]+$|MERO[A-Z][A-Za-z]+$|MeroAppliance[A-Za-z]+$|MeroRequestIsHttps$|MeroSharing[A-Za-z]+$)' \
   | grep -v -E '^[WVu] .*std::' || true)
 if [ -n "$unexpected" ]; then
   echo "libwebapi.so exports symbols outside its API:"

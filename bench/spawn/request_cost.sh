@@ -21,6 +21,11 @@
 #   CGI_QUERY       the query string (default api=Bench.Item&method=get&version=1)
 #   CGI_REGISTRY    the session name the program checks (default bench)
 #   CGI_FILES       a directory whose files are copied next to bench.api
+#   SHARE_LINK_ARGS options of "webapi-share create" (e.g. --item /docs
+#                   --api Bench.Item): a sharing link is made with them, its
+#                   id replaces @LINK@ in CGI_QUERY, and the sharing checker
+#                   is put under the root (bench/spawn/sharing/ has a
+#                   description that admits links)
 # The floor then prints the first program's whole answer (FLOOR_ANSWER), so
 # the byte comparison still holds.
 set -euo pipefail
@@ -55,11 +60,21 @@ registry=${CGI_REGISTRY:-bench}
 session=$("$session_tool" --root "$root" create --user alice --client 127.0.0.1 --registry "$registry")
 [ -n "$session" ] || { echo "no session created" >&2; exit 1; }
 
+query=${CGI_QUERY:-api=Bench.Item&method=get&version=1}
+if [ -n "${SHARE_LINK_ARGS:-}" ]; then
+  mkdir -p "$root/usr/mero/bin"
+  ln -s "$build/tools/merosharingchecker" "$root/usr/mero/bin/merosharingchecker"
+  # shellcheck disable=SC2086  # the options are words on purpose
+  link=$("$build/tools/webapi-share" --root "$root" create $SHARE_LINK_ARGS)
+  [ -n "$link" ] || { echo "no link created" >&2; exit 1; }
+  query=${query//@LINK@/$link}
+fi
+
 # What a web server hands a CGI program, and nothing else.
 cgi_env=(env -i
   "MERO_APPLIANCE_ROOT=$root"
   REQUEST_METHOD=GET
-  "QUERY_STRING=${CGI_QUERY:-api=Bench.Item&method=get&version=1}"
+  "QUERY_STRING=$query"
   "HTTP_COOKIE=id=$session"
   REMOTE_ADDR=127.0.0.1
   SERVER_PROTOCOL=HTTP/1.1

@@ -3,7 +3,8 @@
 #   WORK/root/    appliance root: description and auth files, the session
 #                 store, the settings directory
 #   WORK/cgi/     the example programs, answering at /api/<name>
-#   WORK/www/     the admin page (examples/www), served at /
+#   WORK/www/     the admin page (examples/www), served at /, and the page
+#                 that opens sharing links at /sharing/
 #   WORK/lighttpd.conf, WORK/logs/
 #   WORK/nginx.conf, WORK/nginx-site.conf   with SERVER nginx: the server
 #                 block of nginx-fcgiwrap.conf with this layout's paths, in
@@ -14,6 +15,8 @@
 #                               of crypt hashes (pam_pwdfile), every account
 #                               permitted
 #   WORK/root/etc/webapi-demo.passwd   that file: user "demo"
+#   WORK/root/var/lib/webapi-demo/files/   what Demo.Share lists and links share
+#   WORK/root/usr/mero/bin/merosharingchecker  the checker sharing requests run
 #   WORK/demo-password  the demo user's password (kept across layouts)
 # usage: layout.sh BUILD_DIR WORK_DIR PORT [SERVER]   (lighttpd, nginx or apache)
 set -euo pipefail
@@ -36,10 +39,15 @@ cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman
 chmod 0700 "$work/root/usr/mero/meroman/webapi"
 chmod 0600 "$work/root/usr/mero/meroman/webapi"/*
 printf 'refuse_unreadable_auth="yes"\n' >"$work/root/etc/meroinfo.conf"
-for program in sysinfo settings maintenance auth preferences; do
+for program in sysinfo settings maintenance auth preferences share; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
-cp "$here"/../www/* "$work/www/"
+mkdir -p "$work/root/usr/mero/bin" "$work/root/var/lib/webapi-demo/files/docs/reports"
+ln -s "$build/tools/merosharingchecker" "$work/root/usr/mero/bin/merosharingchecker"
+printf 'Welcome to the shared folder.\n' >"$work/root/var/lib/webapi-demo/files/docs/readme.txt"
+printf 'quarter,revenue\nQ1,120\nQ2,135\n' >"$work/root/var/lib/webapi-demo/files/docs/reports/q2.csv"
+printf 'not shared\n' >"$work/root/var/lib/webapi-demo/files/private.txt"
+cp -R "$here"/../www/. "$work/www/"
 # The paths go into the configuration as quoted strings and into sed as
 # replacement text: refuse what either would misread.
 case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
@@ -100,7 +108,8 @@ lighttpd) ;;
 *) echo "layout: unknown server $server" >&2; exit 1;;
 esac
 chmod go+rx "$work" "$work/cgi" "$work/www"
-chmod go+r "$work/www"/* "$work/lighttpd.conf"
+chmod -R go+rX "$work/www"
+chmod go+r "$work/lighttpd.conf"
 
 [ -s "$work/demo-password" ] || openssl rand -base64 12 | tr -d '/+=\n' >"$work/demo-password"
 printf 'demo:%s\n' "$(openssl passwd -6 -stdin <"$work/demo-password")" >"$work/root/etc/webapi-demo.passwd"

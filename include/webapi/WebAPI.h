@@ -26,7 +26,17 @@
 //        an auth file that cannot be read where the appliance refuses then, ...)
 //   106  the session expired
 //   107  the session was ended by another login or is used from another address
-//   126  sharing link refused (sharing checks)
+// and of a request made through a sharing link (merosharing.h says which
+// refusal of the sharing library gives which):
+//   101  the sharing store failed
+//   122  the link has expired
+//   123  the link was disabled by its owner
+//   124  the link's accesses are used up
+//   125  the link has a password that this visitor's sharing session has
+//        not proven: ask for it
+//   126  no such link, or the API does not admit sharing links
+//   127  the link does not cover this API, method or item (the sharing
+//        checker program refused, or could not be run)
 #ifndef WEBAPI_WEBAPI_H
 #define WEBAPI_WEBAPI_H
 
@@ -55,10 +65,18 @@ class WEBAPI_EXPORT WebAPI {
   // The session check of an ordinary request. Default: CheckAuthorized()
   // above 0 passes; -1 records 106, -3 records 107, anything else 105.
   virtual bool CheckPermission();
-  // The check of a request made through a sharing link; on false an error
-  // code has been recorded.
+  // The check of a request made through a sharing link, run by Run in place
+  // of CheckPermission: the API must admit links ("allowSharing"), the
+  // sharing library must admit the link and its session now
+  // (MeroSharingIsAuthorized, which counts the access of a link with a
+  // limit), and, unless the API sets "skipSharingAppCheck",
+  // CheckSharingAppPermission must agree. On false one of 101, 122 to 127
+  // has been recorded.
   virtual bool CheckSharingPermission();
-  // The sharing checker program's consent; records no error itself.
+  // Runs the sharing checker program "<root>/usr/mero/bin/merosharingchecker"
+  // in the request's environment (it reads the request's api, method, path
+  // and link id there) and answers whether it exited 0. Records no error;
+  // a checker that cannot be run is logged ("exec sharing check fail").
   virtual bool CheckSharingAppPermission();
   // Receives an upload before anything is validated. The default only logs
   // "UnHandled Upload File Operation."; the pipeline then goes on with the

@@ -33,6 +33,17 @@ namespace MERO {
 class WebCGIPrivate;
 class PamConf;
 
+// The sharing library's records (merosharing.h, installed with the platform
+// headers): include it to call the sharing getters below.
+namespace sharing {
+enum _tag_SHARING_URL_TYPE : int;
+namespace record {
+class Entry;
+class Session;
+class Token;
+}  // namespace record
+}  // namespace sharing
+
 class WEBAPI_EXPORT WebCGI {
  public:
   // Builds the context: setsid(); reads the session configuration of
@@ -66,7 +77,8 @@ class WEBAPI_EXPORT WebCGI {
   // false switches the login layer's error logging off (bit 16 of the login
   // flags); true switches it back on. Other bits are unchanged.
   void SetErrorLog(bool enable);
-  // True when the request came through a sharing link.
+  // True when the request came through a sharing link: GetSharingID() is
+  // not empty.
   bool IsSharing();
 
   // ---- session ----
@@ -227,6 +239,33 @@ class WEBAPI_EXPORT WebCGI {
   // True when the request body is a multipart file upload; its parameters
   // arrive with the upload, not through LoadIn.
   bool IsUploadRequest();
+
+  // ---- sharing links ----
+  // Recognises a request made through a sharing link; LoadIn runs it once
+  // the parameters are parsed, and a CGI program may run it again (an
+  // upload, after it loaded the upload's parameters). The link id is the
+  // "_sharing_id" parameter, else the "X-Mero-Sharing" header
+  // (SZ_X_SHARING_HEADER); the sharing session id is the "_sharing_sid"
+  // parameter, else the cookie MERO::sharing::SZK_SHARING_SID (also for a
+  // request without a link id). Earlier values are replaced. With a link id,
+  // the link's entry, the session and the token joining them are looked up
+  // in the sharing store; records it does not know, and every record when
+  // there is no usable store, keep their previous values. Nothing is logged
+  // or refused here: WebAPI::CheckSharingPermission decides.
+  void LoadSharing();
+  std::string GetSharingID();
+  std::string GetSharingSID();
+  // Copies of the records LoadSharing found (default-constructed until then).
+  sharing::record::Entry GetSharingEntry();
+  sharing::record::Session GetSharingSession();
+  sharing::record::Token GetSharingToken();
+  // The base address of this server's links for the request's origin
+  // (merosharing.h, MERO::sharing::GetSharingURL, through the application
+  // portal in REWRITE_APP), derived once per request; `fallback` when none
+  // could be built.
+  std::string GetSharingURL(const std::string& fallback);
+  // Its kind; SHARING_URL_NONE (4) when none could be built.
+  sharing::_tag_SHARING_URL_TYPE GetSharingURLType();
 
  // ---- response out ----
   // Headers and cookies collect in the context until WriteHeader prints the

@@ -161,6 +161,34 @@ MERO_EXPORT int MLIBCFileLockTimeByFile(const char* path, int mode, int timeout,
 MERO_EXPORT int MLIBCFileUnlockByFile(int fd);
 
 /* ------------------------------------------------------------------------ */
+/* Running a program                                                          */
+/* ------------------------------------------------------------------------ */
+
+/* Longest a program run by MLIBCExecl may take, in seconds, and the most
+ * arguments it takes (arg0 included). */
+#define MERO_EXECL_TIMEOUT_SECONDS 10
+#define MERO_EXECL_MAX_ARGS 64
+
+/* Results of MLIBCExecl besides an exit status (0 to 255). */
+#define MERO_EXECL_NOT_RUN (-1)   /* the program could not be started: missing, not
+                                     executable, too many arguments (errno says why) */
+#define MERO_EXECL_TIMED_OUT (-2) /* still running after MERO_EXECL_TIMEOUT_SECONDS: killed
+                                     (SIGKILL) and reaped */
+#define MERO_EXECL_KILLED (-3)    /* ended by a signal */
+#define MERO_EXECL_WAIT_FAILED (-4) /* waiting failed (a SIGCHLD set to SIG_IGN, ...) */
+
+/* Runs the executable at `path` (not searched in PATH; the caller resolves
+ * appliance paths, merocore.h) with the arguments arg0, ... up to a null
+ * pointer, in the caller's environment, and waits for it. Its standard
+ * input, output and error are /dev/null, so nothing it prints can reach the
+ * caller's response; it inherits no other descriptor the platform opened
+ * (all are O_CLOEXEC). `options` is accepted for callers that pass flags
+ * (the library passes 0x33); this platform always runs the program this
+ * way. Returns the exit status (0 to 255) or one of MERO_EXECL_* above, and
+ * never leaves a child behind. */
+MERO_EXPORT int MLIBCExecl(const char* path, int options, const char* arg0, ...);
+
+/* ------------------------------------------------------------------------ */
 /* String list                                                                */
 /* ------------------------------------------------------------------------ */
 

@@ -43,8 +43,7 @@ bool WebCGI::LoadIn() {
     // and stored nothing: the request has no parameters.
     if (MeroCgiParseCGIParam(priv->State(), line.get()) < 0) return false;
   }
-  // TODO: load the sharing context (_sharing_id, _sharing_sid) here once the
-  // sharing library lands; until then IsSharing() is false for every request.
+  LoadSharing();
   priv->paramsLoaded = true;
   return true;
 }

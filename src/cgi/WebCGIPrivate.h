@@ -10,6 +10,7 @@
 
 #include "../util/JsonParse.h"
 #include "merocgi.h"
+#include "merosharing.h"
 #include "webapi/WebCGI.h"
 
 namespace MERO {
@@ -68,6 +69,7 @@ class WebCGIPrivate {
   void ParseHostAndPort();
   bool ParseHostAndPort(const std::string& url, std::string& hostOut, std::string& portOut);
   void LoadURL();
+  void LoadSharingURL();
 
   MEROCGI_STATE* State() { return &cgiState.state; }
   // The state behind a context, for code inside the library.
@@ -84,8 +86,9 @@ class WebCGIPrivate {
   uint32_t loginFlags = kLoginAllCategories;
   std::string sharingId;
   std::string sharingSid;
-  // TODO: sharingEntry, sharingSession and sharingToken join here with the
-  // sharing library; until then no request is a sharing request.
+  sharing::record::Entry sharingEntry;
+  sharing::record::Session sharingSession;
+  sharing::record::Token sharingToken;
   bool sharingURLLoaded = false;
   std::string sharingURL;
   int sharingURLType = 4;

@@ -12,7 +12,12 @@ constexpr int kErrorBadVersion = 104;
 constexpr int kErrorNoSession = 105;
 constexpr int kErrorSessionExpired = 106;
 constexpr int kErrorSessionReplaced = 107;
+constexpr int kErrorSharingExpired = 122;
+constexpr int kErrorSharingDisabled = 123;
+constexpr int kErrorSharingUsedUp = 124;
+constexpr int kErrorSharingPasswordNeeded = 125;
 constexpr int kErrorSharingRefused = 126;
+constexpr int kErrorSharingNotCovered = 127;
 
 }  // namespace detail
 }  // namespace MERO

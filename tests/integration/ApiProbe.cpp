@@ -3,9 +3,10 @@
 //   PROBE_DESCRIPTION  description file name (default "probe.api")
 //   PROBE_SESSION      session name (unset: null)
 //   PROBE_NO_CHECK     set: Run(false)
-//   PROBE_MAPS         set: after the request, every shared object mapped
-//                      into the process is listed on stderr ("mapped <path>")
-// Methods: "get"/"list" answer what the handler saw; "fail" answers error
+//   PROBE_MAPS         set: after the request, every file mapped into the
+//                      process is listed on stderr ("mapped <path>")
+// Methods: "get"/"list" answer what the handler saw (with the sharing link
+// and session ids when the request carried either); "fail" answers error
 // 400 with detail; "export" (a download method) prints its own output.
 #include <syslog.h>
 
@@ -47,6 +48,10 @@ class ProbeApi : public MERO::WebAPI {
     seen["version"] = version;
     seen["user"] = cgi.GetLoginUserName();
     seen["tokenLength"] = static_cast<int>(cgi.GetMeroToken().size());
+    if (cgi.IsSharing() || !cgi.GetSharingSID().empty()) {
+      seen["sharingId"] = cgi.GetSharingID();
+      seen["sharingSid"] = cgi.GetSharingSID();
+    }
     SetResponse(seen);
   }
 };
@@ -61,7 +66,7 @@ int main() {
     std::ifstream maps("/proc/self/maps");
     std::set<std::string> objects;
     for (std::string line; std::getline(maps, line);)
-      if (line.find(".so") != std::string::npos) objects.insert(line.substr(line.find('/')));
+      if (line.find('/') != std::string::npos) objects.insert(line.substr(line.find('/')));
     for (const std::string& object : objects) std::fprintf(stderr, "mapped %s\n", object.c_str());
   }
   return 0;
