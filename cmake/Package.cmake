@@ -24,9 +24,10 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libwebapi)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# Logins open libpam.so.0 only when they need it (dlopen), which
-# dpkg-shlibdeps cannot see; pam_start_confdir came with PAM 1.4.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libpam0g (>= 1.4.0)")
+# Logins open libpam.so.0, and link passwords libcrypt.so.1, only when they
+# need them (dlopen), which dpkg-shlibdeps cannot see; pam_start_confdir
+# came with PAM 1.4, yescrypt with libxcrypt 4.4.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libpam0g (>= 1.4.0), libcrypt1 (>= 1:4.4)")
 # The library directory is one ldconfig knows: a trigger refreshes its
 # cache once per dpkg run, where CPack's own maintainer scripts would run
 # ldconfig on every install and removal.

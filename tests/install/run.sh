@@ -30,7 +30,7 @@ if [ "$how" = deb ]; then
     echo "  Depends: $(field "$deb" Depends)"
   done
   # What the library and the tool load, as dpkg-shlibdeps found it.
-  for needed in libc6 libjsoncpp25 libpam0g libstdc++6; do
+  for needed in libc6 libjsoncpp25 libpam0g libcrypt1 libstdc++6; do
     field "$runtime" Depends | grep -q "\b$needed\b" || fail "libwebapi does not depend on $needed"
   done
   field "$dev" Depends | grep -q "libwebapi (= $version)" || fail "libwebapi-dev does not pin libwebapi $version"
