@@ -21,6 +21,6 @@ fi
 required=('MERO::WebCGI::WebCGI(char const*, bool)' 'MERO::JsonValue::fromString')
 [ "$layout" = bundled ] && required+=(MeroCgiParseCGIParam MLIBCSzHashSetValue MEROUserLoginNameConvert MLIBGroupIsAdminGroupMem 'MERO::ZEL::SecurityOptions::GetSecurityHeaders')
 for symbol in "${required[@]}"; do
-  printf '%s\n' "$symbols" | grep -q -F "$symbol" || { echo "missing export: $symbol"; exit 1; }
+  grep -q -F "$symbol" <<<"$symbols" || { echo "missing export: $symbol"; exit 1; }
 done
 echo "exports: $(printf '%s\n' "$symbols" | wc -l) symbols, all declared"
