@@ -1,7 +1,8 @@
 #!/bin/bash
 # Lays out a served example API under WORK (and nothing outside it):
 #   WORK/root/    appliance root: description and auth files, the session
-#                 store, the settings directory
+#                 store, the settings directory, the uploaded files
+#                 (var/lib/webapi-demo/files)
 #   WORK/cgi/     the example programs, answering at /api/<name>
 #   WORK/lighttpd.conf, WORK/logs/, WORK/www/
 #   WORK/root/etc/pam.d/webui   the PAM service logins use: a password file
@@ -19,10 +20,10 @@ port=$3
 here=$(dirname "$(realpath "$0")")
 
 rm -rf "$work/root" "$work/cgi"
-mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
+mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo/files" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
-for program in sysinfo settings maintenance auth; do
+for program in sysinfo settings maintenance auth files; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
 printf '<!doctype html><title>libwebapi demo</title><p>The API is under /api/.</p>\n' \
