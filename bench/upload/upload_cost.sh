@@ -11,6 +11,10 @@
 #   PAYLOAD=random  the file is random bytes written out; by default it is a
 #                   hole (zeros that take no disk), so the body costs only
 #                   its few bytes of fields and delimiters
+#   FEED=pipe       both read the body from a pipe that a feeder fills, as
+#                   a web server hands a CGI program its body (then cat,
+#                   too, copies through its own buffer); by default the body
+#                   file itself is standard input
 #
 # The receiver is bench_upload: the library's whole path for one request
 # (context, upload hook, LoadIn into a directory, the body's own api, method
@@ -22,7 +26,9 @@
 #
 # Per size: the median throughput of each (MiB/s of body), their ratio
 # (upload / cat: 1.0 is cat's speed), each one's peak resident memory
-# (ru_maxrss, the largest over the rounds) and the upload's seconds per GiB.
+# (ru_maxrss, the largest over the rounds), the upload's seconds per GiB,
+# and the ratio of CPU time (cat's / the upload's), which other programs on
+# a shared machine disturb less than wall time.
 # Then the cost per GiB between the smallest and the largest size, which
 # leaves out each program's start-up (a C++ CGI program's exec and dynamic
 # loading against cat's), and that start-up, extrapolated to size 0.
@@ -99,9 +105,11 @@ done
 [ ${#runnable[@]} -gt 0 ] || { echo "no size fits the disk" >&2; exit 1; }
 
 results=$work/results.tsv
+feed=()
+[ "${FEED:-}" = pipe ] && feed=(-p)
 run_cat() {  # size
   local line
-  line=$("$measure" "${body_of[$1]}" "$work/cat.out" cat) || { echo "cat failed" >&2; exit 1; }
+  line=$("$measure" "${feed[@]}" "${body_of[$1]}" "$work/cat.out" cat) || { echo "cat failed" >&2; exit 1; }
   rm -f "$work/cat.out"
   printf '%s\tcat\t%s\n' "$1" "$line" >>"$results"
 }
@@ -110,7 +118,7 @@ run_upload() {  # size
   line=$(env -i "MERO_APPLIANCE_ROOT=$root" "BENCH_UPLOAD_DIR=$work/received" \
     REQUEST_METHOD=POST "CONTENT_TYPE=multipart/form-data; boundary=$boundary" \
     "CONTENT_LENGTH=$(stat -c %s "$body")" REMOTE_ADDR=127.0.0.1 SERVER_PROTOCOL=HTTP/1.1 \
-    GATEWAY_INTERFACE=CGI/1.1 "$measure" "$body" "$work/answer" "$receiver") \
+    GATEWAY_INTERFACE=CGI/1.1 "$measure" "${feed[@]}" "$body" "$work/answer" "$receiver") \
     || { echo "bench_upload failed" >&2; exit 1; }
   grep -q '{"data":{"files":1},"success":true}' "$work/answer" \
     || { echo "bench_upload answered: $(cat "$work/answer")" >&2; exit 1; }
@@ -120,7 +128,7 @@ run_upload() {  # size
   printf '%s\tupload\t%s\n' "$1" "$line" >>"$results"
 }
 
-echo "# $(uname -r), $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg), payload ${PAYLOAD:-hole}"
+echo "# $(uname -r), $(nproc) cores, load $(cut -d' ' -f1-3 /proc/loadavg), payload ${PAYLOAD:-hole}, standard input ${FEED:-file}"
 run_cat "${runnable[0]}"  # warm-up: the programs and the first body in the page cache
 run_upload "${runnable[0]}"
 : >"$results"
@@ -132,14 +140,18 @@ done
 
 median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 seconds_of() { awk -v s="$1" -v p="$2" '$1 == s && $2 == p { print $3 }' "$results" | median; }
+cpu_of() { awk -v s="$1" -v p="$2" '$1 == s && $2 == p { print $6 }' "$results" | median; }
 peak_of() { awk -v s="$1" -v p="$2" '$1 == s && $2 == p && $4 > m { m = $4 } END { print m }' "$results"; }
-printf '%-6s %12s %12s %7s %14s %15s %12s\n' size 'cat MiB/s' 'upload MiB/s' ratio 'cat peak KiB' 'upload peak KiB' 'upload s/GiB'
+printf '%-6s %12s %12s %7s %14s %15s %12s %10s\n' size 'cat MiB/s' 'upload MiB/s' ratio \
+  'cat peak KiB' 'upload peak KiB' 'upload s/GiB' 'CPU ratio'
 for size in "${runnable[@]}"; do
   awk -v n="$(stat -c %s "${body_of[$size]}")" -v c="$(seconds_of "$size" cat)" \
     -v u="$(seconds_of "$size" upload)" -v cr="$(peak_of "$size" cat)" \
-    -v ur="$(peak_of "$size" upload)" -v s="$size" 'BEGIN {
+    -v ur="$(peak_of "$size" upload)" -v cc="$(cpu_of "$size" cat)" \
+    -v uc="$(cpu_of "$size" upload)" -v s="$size" 'BEGIN {
     mib = n / 1048576
-    printf "%-6s %12.0f %12.0f %7.2f %14d %15d %12.3f\n", s, mib / c, mib / u, c / u, cr, ur, u / (n / 1073741824)
+    printf "%-6s %12.0f %12.0f %7.2f %14d %15d %12.3f %10.2f\n", s, mib / c, mib / u, c / u, cr, ur,
+      u / (n / 1073741824), cc / uc
   }'
 done
 # The cost per byte once the process runs: the slope between the smallest
