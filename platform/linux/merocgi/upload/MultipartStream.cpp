@@ -2,12 +2,13 @@
 // narrows it). Invariant of the buffer: every byte before pos_ has been
 // handed on; of the bytes read but not handed on, all but the last
 // needle-length ones are known not to start a delimiter once a search
-// found none, so only those few are kept back (and moved to the front)
-// when more is read.
+// found none, so only those few (and less than a page more) are kept back,
+// and moved to the front, when more is read.
 #include "MultipartStream.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,11 @@
 #include "merocgi.h"
 
 namespace merocgi {
+namespace {
+
+constexpr size_t kPageBytes = 4096;
+
+}  // namespace
 
 ssize_t BodySource::Read(char* into, size_t size) {
   if (received_ == length_) return 0;
@@ -113,6 +119,7 @@ bool MultipartStream::ReadData(DataSink* sink) {
         // so that the buffer has room for the rest of it.
         if (at > pos_ + 1) {
           if (sink && !sink->Take(buffer + pos_, at - 1 - pos_)) return false;
+          partBytes_ += at - 1 - pos_;
           pos_ = at - 1;
         }
         const size_t kept = at - pos_;
@@ -128,11 +135,16 @@ bool MultipartStream::ReadData(DataSink* sink) {
       return true;
     }
     // No delimiter starts before the last needleSize - 1 bytes; one more
-    // is kept for the '\r' that may precede it.
-    const size_t safeEnd = end_ - pos_ > needleSize ? end_ - needleSize : pos_;
-    if (safeEnd > pos_) {
-      if (sink && !sink->Take(buffer + pos_, safeEnd - pos_)) return false;
-      pos_ = safeEnd;
+    // is kept for the '\r' that may precede it. What is handed on ends at
+    // a page boundary of the part: a write that ends inside a fresh page
+    // makes the kernel zero the rest of it, which the next write then
+    // overwrites.
+    size_t safe = end_ - pos_ > needleSize ? end_ - needleSize - pos_ : 0;
+    safe -= std::min(safe, static_cast<size_t>((partBytes_ + safe) % kPageBytes));
+    if (safe > 0) {
+      if (sink && !sink->Take(buffer + pos_, safe)) return false;
+      pos_ += safe;
+      partBytes_ += safe;
     }
     if (!Fill()) return false;
     from = pos_;
@@ -173,6 +185,7 @@ MultipartStream::Next MultipartStream::NextPart(std::string_view* headers) {
       *headers = std::string_view(buffer + pos_, lineStart - pos_);
       pos_ = next;
       inPart_ = true;
+      partBytes_ = 0;
       return Next::kPart;
     }
     lineStart = next;

@@ -95,6 +95,7 @@ class MultipartStream {
   size_t pos_ = 0;  // first unconsumed byte
   size_t end_ = 0;  // end of the bytes read
   bool inPart_ = false;  // at data (of the preamble or of a part), not at a delimiter
+  unsigned long long partBytes_ = 0;  // of the current part, handed on
   bool ended_ = false;
   ReadObserver* observer_ = nullptr;
   int error_ = 0;
