@@ -16,7 +16,7 @@ if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
 fi
 
 cmake --preset release >/dev/null
-cmake --build --preset release --target sysinfo settings maintenance auth preferences share \
+cmake --build --preset release --target sysinfo settings maintenance auth preferences share files \
   webapi-session webapi-share merosharingchecker
 work=$PWD/build-release/demo
 bash examples/deploy/layout.sh build-release "$work" "$port"
@@ -53,6 +53,8 @@ cookie jar keeps the session):
   curl -s -b $jar -d 'api=Demo.Settings&method=set&version=1&theme=dark' '$base/settings'      # 105: no CSRF token
   curl -s -b $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Settings&method=set&version=1&theme=blue' '$base/settings'
   curl -s -b $jar -OJ '$base/settings?api=Demo.Settings&method=export&version=1'
+  curl -s -b $jar -H "X-Mero-Token: \$token" -F file=@/etc/os-release '$base/files?api=Demo.Files&method=upload&version=1'   # streamed to disk
+  curl -s -b $jar '$base/files?api=Demo.Files&method=list&version=1'
   curl -s -b $jar '$base/maintenance?api=Demo.Maintenance&method=status&version=1'    # 105: demo is no administrator
   curl -s -b $jar -c $jar -H "X-Mero-Token: \$token" -d 'api=Demo.Auth&method=logout&version=1' '$base/auth'
   curl -s -b $jar '$base/sysinfo?api=Demo.SystemInfo&method=get&version=1'             # 105: logged out
@@ -72,6 +74,7 @@ Sharing links (the id is the part after '#' of each link's address):
   curl -s -b $visitor -H 'X-Mero-Sharing: $locked_id' '$base/share?api=Demo.Share&method=list&version=1&path=/docs/reports'
   $share list      # refs, accesses used; then: $share disable|revoke --ref REF
 
+Uploads:  $work/root/var/lib/webapi-demo/files/ (progress lines in syslog)
 Sessions: build-release/tools/webapi-session --root $work/root list
 Logs:     $work/logs/
 

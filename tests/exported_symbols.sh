@@ -11,7 +11,7 @@ lib=$1
 layout=${2:-bundled}
 symbols=$(nm -DC --defined-only "$lib" | awk '{ $1 = ""; print }' | sed 's/^ //')
 unexpected=$(printf '%s\n' "$symbols" | grep -v -E \
-  '^[TBDRVW] (MERO::|(typeinfo|typeinfo name|vtable) for MERO::|MLIBC[A-Za-z]+$|MLIBGroup[A-Za-z]+$|MeroCgi[A-Za-z0-9]+$|MeroPam[A-Za-z]+$|MERO[A-Z][A-Za-z]+$|MeroAppliance[A-Za-z]+$|MeroRequestIsHttps$|MeroSharing[A-Za-z]+$)' \
+  '^[TBDRVW] (MERO::|(typeinfo|typeinfo name|vtable) for MERO::|MLIBC[A-Za-z]+$|MLIBGroup[A-Za-z]+$|MeroCgi[A-Za-z0-9]+$|MeroPam[A-Za-z]+$|MERO[A-Z][A-Za-z]+$|MeroAppliance[A-Za-z]+$|MeroRequestIsHttps$|MeroSharing[A-Za-z]+$|VolumeAvailGet$)' \
   | grep -v -E '^[WVu] .*std::' || true)
 if [ -n "$unexpected" ]; then
   echo "libwebapi.so exports symbols outside its API:"
@@ -19,7 +19,7 @@ if [ -n "$unexpected" ]; then
   exit 1
 fi
 required=('MERO::WebCGI::WebCGI(char const*, bool)' 'MERO::JsonValue::fromString')
-[ "$layout" = bundled ] && required+=(MeroCgiParseCGIParam MLIBCSzHashSetValue MEROUserLoginNameConvert MLIBGroupIsAdminGroupMem 'MERO::ZEL::SecurityOptions::GetSecurityHeaders')
+[ "$layout" = bundled ] && required+=(MeroCgiParseCGIParam MLIBCSzHashSetValue MEROUserLoginNameConvert VolumeAvailGet MLIBGroupIsAdminGroupMem 'MERO::ZEL::SecurityOptions::GetSecurityHeaders')
 for symbol in "${required[@]}"; do
   grep -q -F "$symbol" <<<"$symbols" || { echo "missing export: $symbol"; exit 1; }
 done

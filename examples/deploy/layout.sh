@@ -1,7 +1,8 @@
 #!/bin/bash
 # Lays out a served example API under WORK (and nothing outside it):
 #   WORK/root/    appliance root: description and auth files, the session
-#                 store, the settings directory
+#                 store, the settings directory, the uploaded files
+#                 (var/lib/webapi-demo/files)
 #   WORK/cgi/     the example programs, answering at /api/<name>
 #   WORK/www/     the admin page (examples/www), served at /, and the page
 #                 that opens sharing links at /sharing/
@@ -29,7 +30,7 @@ server=${4:-lighttpd}
 here=$(dirname "$(realpath "$0")")
 
 rm -rf "$work/root" "$work/cgi"
-mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo" \
+mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo/files" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
 # Only the user the programs run as may open the description and auth files:
@@ -39,7 +40,7 @@ cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman
 chmod 0700 "$work/root/usr/mero/meroman/webapi"
 chmod 0600 "$work/root/usr/mero/meroman/webapi"/*
 printf 'refuse_unreadable_auth="yes"\n' >"$work/root/etc/meroinfo.conf"
-for program in sysinfo settings maintenance auth preferences share; do
+for program in sysinfo settings maintenance auth preferences share files; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
 mkdir -p "$work/root/usr/mero/bin" "$work/root/var/lib/webapi-demo/files/docs/reports"

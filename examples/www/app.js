@@ -18,6 +18,8 @@ const MESSAGES = {
   107: 'Your session was ended: you logged in elsewhere, or your network address changed.',
   120: 'Some values are not valid. See the notes next to the fields.',
   121: 'The changes could not be saved. Try again, or ask the administrator.',
+  130: 'The upload was refused.',
+  131: 'Choose at least one file to upload.',
   400: 'Enter your user name and password.',
   401: 'Wrong user name or password.',
   402: 'This account may not log in now (locked or expired).',
@@ -107,6 +109,7 @@ async function showDashboard(me) {
   await loadPreferences();
   await loadSystem();
   await loadSettings();
+  await loadFiles();
 }
 
 // ---- system panel ----
@@ -210,6 +213,55 @@ async function loadPreferences() {
   applyPreferences(envelope.data);
 }
 
+// ---- files ----
+
+const UPLOAD_REASONS = {
+  'too large': 'it is larger than the server accepts',
+  'incomplete': 'it arrived incomplete',
+  'malformed': 'the browser sent it in a form the server cannot read',
+  'exists': 'a file of that name is already there',
+  'not stored': 'the server could not store it',
+};
+
+async function loadFiles() {
+  const envelope = await sessionCall('files', 'Demo.Files', 'list');
+  if (!envelope) return;
+  if (!envelope.success) return say($('upload-message'), errorText(envelope.error), 'error');
+  const body = $('files-list').tBodies[0];
+  body.replaceChildren();
+  for (const file of envelope.data.files) {
+    const row = body.insertRow();
+    cell(row, file.name);
+    cell(row, bytes(file.size), 'number');
+  }
+}
+
+// XMLHttpRequest, not fetch: only it reports how much of a body was sent.
+function upload(files, onProgress) {
+  const form = new FormData();
+  for (const [name, value] of Object.entries({api: 'Demo.Files', method: 'upload', version: '1'}))
+    form.append(name, value);
+  for (const file of files) form.append('file', file, file.name);
+  return new Promise((resolve) => {
+    const request = new XMLHttpRequest();
+    request.open('POST', '/api/files');
+    request.setRequestHeader('X-Mero-Token', token);
+    request.upload.addEventListener('progress', (event) => {
+      if (event.lengthComputable) onProgress(event.loaded / event.total);
+    });
+    request.addEventListener('load', () => {
+      if (request.status !== 200) return resolve({success: false, error: {code: -request.status}});
+      try {
+        resolve(JSON.parse(request.responseText));
+      } catch (failure) {
+        resolve({success: false, error: {code: -request.status}});
+      }
+    });
+    request.addEventListener('error', () => resolve({success: false, error: {code: 0}}));
+    request.send(form);
+  });
+}
+
 // ---- wiring ----
 
 $('login-form').addEventListener('submit', async (event) => {
@@ -246,6 +298,33 @@ $('preferences-form').addEventListener('submit', async (event) => {
   const saved = await submitForm(event.target, 'preferences', 'Demo.Preferences', 'pref-',
                                  $('preferences-message'));
   if (saved) applyPreferences(saved);
+});
+
+$('upload-form').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  const files = $('upload-file').files;
+  if (!files.length) return say($('upload-message'), errorText({code: 131}), 'error');
+  const progress = $('upload-progress');
+  progress.hidden = false;
+  progress.value = 0;
+  $('upload-submit').disabled = true;
+  say($('upload-message'), 'Uploading…');
+  const envelope = await upload(files, (share) => { progress.value = Math.round(share * 100); });
+  $('upload-submit').disabled = false;
+  const code = envelope.error && envelope.error.code;
+  if (!envelope.success && SESSION_LOST.has(code)) {
+    return showLogin('Your session has ended. Please log in again.', 'error');
+  }
+  if (!envelope.success) {
+    const why = envelope.error.errors && UPLOAD_REASONS[envelope.error.errors.reason];
+    say($('upload-message'), why ? `The upload was refused: ${why}.` : errorText(envelope.error), 'error');
+  } else {
+    progress.value = 100;
+    const names = envelope.data.files.map((file) => file.name).join(', ');
+    say($('upload-message'), `Uploaded ${names}.`, 'ok');
+    $('upload-file').value = '';
+  }
+  await loadFiles();
 });
 
 // A reload keeps the session: the cookie is the browser's, and whoami gives

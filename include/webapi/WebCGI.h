@@ -14,6 +14,7 @@
 //   nesting of a JSON parameter line        512     MERO::JsonValue::kMaxJsonDepth
 //   values in a JSON parameter line         one per 16 bytes, at least 4096
 //                                                   MERO::JsonValue::MaxJsonParamValues
+//   upload parts, files, header and name sizes    MERO_CGI_UPLOAD_* (merocgi.h)
 // After a refusal MLIBCErrGet() tells which (merocore.h, MERO_ERR_REQUEST_*).
 #ifndef WEBAPI_WEBCGI_H
 #define WEBAPI_WEBCGI_H
@@ -24,9 +25,15 @@
 
 #include "webapi/Export.h"
 
-// The login parameters and result of the CGI platform (merocgi.h).
+// The login parameters and result, the upload progress record and the
+// truth type of the CGI platform (merocgi.h, merocore.h).
 struct _tag_login_params;
 typedef int CGI_LOGIN_RESULT;
+struct _tag_cgi_upload_progress_;
+#ifndef MERO_BOOL_DEFINED
+#define MERO_BOOL_DEFINED
+typedef int BOOL;
+#endif
 
 namespace MERO {
 
@@ -266,6 +273,60 @@ class WEBAPI_EXPORT WebCGI {
   std::string GetSharingURL(const std::string& fallback);
   // Its kind; SHARING_URL_NONE (4) when none could be built.
   sharing::_tag_SHARING_URL_TYPE GetSharingURLType();
+  // ---- file upload ----
+  // The CGI platform receives an upload as it arrives, in bounded memory
+  // (merocgi.h: the multipart rules, the stored file names, the limits, and
+  // why nothing half-received ever carries a final name). These operations
+  // choose the directory and forward to it.
+
+  // Writes the upload temporary directory into `buffer`, cut to size - 1
+  // bytes: "<root>/tmp" when the appliance has no disks (maxdisks="0" in
+  // "<root>/etc.defaults/meroinfo.conf"), else the mount path of the first
+  // storage volume that is mounted and writable (merosdk.h) followed by
+  // "/@tmp". The directory is neither created nor checked.
+  //   true   written.
+  //   false  nothing written: `buffer` is null or size < 1; the volumes
+  //          could not be listed (MLIBCErrGet() is 0x8300 then); or no
+  //          volume is usable (no code recorded).
+  bool FindUploadTmpPath(char* buffer, int size);
+  // The same on the first volume with room for `bytes` (VolumeAvailGet);
+  // "<root>/tmp" without disks, whatever `bytes` says.
+  //   true   written.
+  //   false  nothing written: `buffer` is null or size < 1; the volumes
+  //          could not be examined (logged "VolumeAvailGet() failed!!
+  //          meroerr=[0x<code>]"); or no volume has room, MLIBCErrGet()
+  //          telling why: 0x2900 no volume is mounted and writable, 0xDD00
+  //          the writable ones are too full, 0x8300 otherwise.
+  bool FindUploadTmpPath(char* buffer, int size, unsigned long long bytes);
+  // Receives the upload (MeroCgiLoadUploadData): its form fields become
+  // parameters (In(name, def)) and its files are stored in directory `path`
+  // (cut to 127 bytes), or, when `path` is null, in FindUploadTmpPath's
+  // directory (128 bytes at most); a file field's parameter holds the
+  // stored name(s). All or nothing.
+  //   >= 0  the number of files stored.
+  //   -9    no directory could be chosen (logged "no path for upload");
+  //         nothing was read.
+  //   < 0   the platform refused the upload (logged "failed to upload to
+  //         path <dir>"; MLIBCErrGet() tells why, merocgi.h).
+  // The parameters are not marked loaded, and no sharing context is loaded.
+  int LoadIn(const char* path);
+  // The upload step by step: each forwards to the platform call of the same
+  // role with this context's CGI state, every argument and the result
+  // unchanged (merocgi.h documents them): MeroCgiLoadUploadParams,
+  // MeroCgiLoadUploadFileBW (path, progress, record, field, fileName, type,
+  // bandwidth) and MeroCgiLoadUploadFileNoTruncate (path, progress, record,
+  // rate, field, fileName, type, written, cancel).
+  int LoadUploadParams(void (*progress)(unsigned long long, unsigned long long),
+                       _tag_cgi_upload_progress_* record, char* field, int fieldSize,
+                       char* fileName, int fileNameSize, char* type, int typeSize);
+  int LoadUploadFile(const char* path, void (*progress)(unsigned long long, unsigned long long),
+                     _tag_cgi_upload_progress_* record, char* field, char* fileName, char* type,
+                     const char* bandwidth);
+  int LoadUploadFileNoTruncate(
+      const char* path, void (*progress)(unsigned long long, unsigned long long),
+      _tag_cgi_upload_progress_* record,
+      long long (*rate)(unsigned long long, unsigned long long, unsigned long long), char* field,
+      char* fileName, char* type, unsigned long long* written, BOOL (*cancel)());
 
  // ---- response out ----
   // Headers and cookies collect in the context until WriteHeader prints the

@@ -50,7 +50,8 @@ MERO_EXTERN_C_BEGIN
  *   word  9  headerPrinted   1 once the header block was printed
  *   word 10  session         the session found by the last successful
  *                            MeroCgiIsAuthorizedEx (owned; its options)
- *   words 11-12              reserved, 0
+ *   word 11  upload          the upload being received (owned; uploads below)
+ *   word 12                  reserved, 0
  *   word 13  sessionTimeout  session time-out (minutes; 0 and -1 passed on)
  *   word 14  skipCheckIP     1: do not tie a session to its client address
  * On 64-bit Linux pointer fields are 8 bytes; the record is 96 bytes there
@@ -67,7 +68,8 @@ typedef struct _tag_MEROCGI_STATE {
   char* extra;
   int headerPrinted;
   struct _tag_MEROCGI_SESSION* session;
-  int reserved[2];
+  struct _tag_MEROCGI_UPLOAD* upload;
+  int reserved;
   int sessionTimeout;
   int skipCheckIP;
 } MEROCGI_STATE;
@@ -145,6 +147,184 @@ MERO_EXPORT int MeroCgiSetCGIParam(MEROCGI_STATE* state, const char* name, const
 /* 1 when the request body is a file upload: a POST whose CONTENT_TYPE is
  * multipart/form-data (letter case ignored); 0 otherwise. */
 MERO_EXPORT int MeroCgiIsUploadRequest(void);
+
+/* ---- uploads ------------------------------------------------------------- */
+
+/* An upload's body (multipart/form-data, RFC 7578) is read from standard
+ * input as it arrives, to exactly CONTENT_LENGTH bytes (which must be given),
+ * through one buffer of MERO_CGI_UPLOAD_BUFFER_BYTES: memory stays bounded
+ * whatever the size of the upload. It is read as browsers and curl send it:
+ *   - the boundary is CONTENT_TYPE's boundary parameter (a token or a quoted
+ *     string of 1 to 70 bytes, no control byte);
+ *   - a delimiter is a line "--" boundary, which up to
+ *     MERO_CGI_UPLOAD_MAX_PADDING blanks or tabs may follow; the line end
+ *     before it, CRLF or a bare LF, belongs to it, and so does its own.
+ *     "--" boundary "--" closes the body; nothing after it is read. Text
+ *     that starts like a delimiter but goes on otherwise ("--" boundary "x"
+ *     at the start of a line) is data. The first delimiter may open the
+ *     body; anything before it is skipped;
+ *   - a part's headers end at the first empty line; lines end with CRLF or
+ *     LF; header names ignore letter case; a header line that is folded
+ *     (starts with a blank) or holds a control byte other than tab, and a
+ *     repeated Content-Disposition or Content-Type, are refused;
+ *     Content-Disposition must be form-data with a name parameter, and
+ *     Content-Type is kept for files; other headers are ignored;
+ *   - parameter values are tokens or quoted strings. Inside quotes \" and
+ *     \\ stand for '"' and '\'; any other backslash is itself (browsers
+ *     send Windows paths unescaped). Values are not percent-decoded
+ *     (browsers write '"' as %22, which stays), except filename* (RFC 8187,
+ *     UTF-8 only), which is, and which wins over filename. A repeated
+ *     parameter is refused;
+ *   - a part with a filename or filename* parameter is a file, any other a
+ *     form field (its value: the part's bytes). A file part whose file name
+ *     is empty is skipped whole: browsers send one for a file input left
+ *     empty.
+ * Stored file names: the sent name's last path component (the text after
+ * its last '/' or '\'), since a browser may send a whole client path. Refused
+ * are the empty name, "." and "..", names with a control byte (0x00-0x1F,
+ * 0x7F) and names longer than MERO_CGI_UPLOAD_MAX_NAME_BYTES. So a stored
+ * name never leaves its directory.
+ * Files are written unnamed into their target directory (O_TMPFILE) and get
+ * their final name only once complete. A file system without O_TMPFILE gets
+ * a hidden name ".upload-XXXXXX" instead, removed on every failure. So a
+ * body cut short, refused or cancelled leaves no file under a final name,
+ * and, with O_TMPFILE, nothing at all, even when the process is killed
+ * midway. Files are created with mode MERO_CGI_UPLOAD_FILE_MODE (less the
+ * umask); they are not synced to disk.
+ * A body is read once: it cannot be read again, nor as a parameter line.
+ *
+ * Limits: a request beyond one is refused (below: -1, a log line,
+ * MERO_ERR_REQUEST_TOO_LARGE). */
+#define MERO_CGI_UPLOAD_BUFFER_BYTES (256 * 1024)
+/* Headers of one part, their line ends and the empty line included. */
+#define MERO_CGI_UPLOAD_MAX_PART_HEADER_BYTES 8192
+/* Parts of one body, fields, files and skipped parts alike. */
+#define MERO_CGI_UPLOAD_MAX_PARTS 1024
+/* Files of one MeroCgiLoadUploadData call: each holds a descriptor until
+ * the body has ended. */
+#define MERO_CGI_UPLOAD_MAX_FILES 256
+/* A stored file name, a part's field name, a file part's Content-Type. */
+#define MERO_CGI_UPLOAD_MAX_NAME_BYTES 255
+/* Buffers of the step-by-step calls hold any name with this many bytes. */
+#define MERO_CGI_UPLOAD_TEXT_BYTES (MERO_CGI_UPLOAD_MAX_NAME_BYTES + 1)
+/* All form fields of one body, names and values together. */
+#define MERO_CGI_UPLOAD_MAX_FIELD_BYTES MERO_CGI_MAX_PARAM_LINE_BYTES
+/* Blanks and tabs that may follow a delimiter on its line. */
+#define MERO_CGI_UPLOAD_MAX_PADDING 64
+#define MERO_CGI_UPLOAD_FILE_MODE 0600
+
+/* Other refusals, all with a log line and -1 (MLIBCErrGet()):
+ *   MERO_ERR_REQUEST_MALFORMED   no usable boundary, a part or header
+ *                                that breaks the rules above, a refused
+ *                                file name, a form field holding a NUL
+ *                                byte, or a body whose CONTENT_LENGTH
+ *                                ends before its closing delimiter;
+ *   MERO_ERR_REQUEST_INCOMPLETE  standard input ended before CONTENT_LENGTH
+ *                                bytes (the client went away);
+ *   MERO_ERR_IO                  reading standard input failed, or the
+ *                                target directory could not be opened or
+ *                                written (errno in the log line: ENOSPC, ...);
+ *   MERO_ERR_EXISTS              a file could not be given its name without
+ *                                replacing one (see each call);
+ *   MERO_ERR_CANCELLED           the cancel callback stopped it;
+ *   MERO_ERR_INVALID_ARGUMENT    a null state or directory, non-zero
+ *                                flags, a body already read, or a call out
+ *                                of the order below;
+ *   MERO_ERR_NO_MEMORY. */
+
+/* Receives the whole upload. Every form field becomes a request parameter
+ * (as MeroCgiSetCGIParam; a repeated name keeps its last value), and every
+ * file is stored in directory `dir`, which must exist, under its stored
+ * name, replacing a file of that name. The parameter named by a file
+ * part's field holds the file's stored name (replacing a form field of that
+ * name); several files under one field name give their stored names joined
+ * by '/', which no stored name holds, in body order.
+ * All or nothing: the files get their names, and the parameters are
+ * stored, only after the closing delimiter was read; a refused request
+ * stores nothing. (Should giving a name fail midway, a directory of that
+ * name for instance, the files named before it stay; logged.)
+ *   >= 0  the number of files stored.
+ *   -1    refused, see above; also MERO_ERR_EXISTS when two files of the
+ *         body have the same stored name (one would be lost) and
+ *         MERO_ERR_REQUEST_TOO_LARGE beyond MERO_CGI_UPLOAD_MAX_FILES files.
+ * `flags` is reserved: pass 0. */
+MERO_EXPORT int MeroCgiLoadUploadData(MEROCGI_STATE* state, const char* dir, int flags);
+
+/* Progress of an upload, kept up to date by the step-by-step calls. */
+typedef struct _tag_cgi_upload_progress_ {
+  unsigned long long total;     /* CONTENT_LENGTH */
+  unsigned long long received;  /* body bytes read so far */
+  unsigned long long fileBytes; /* bytes of the file being received */
+  int files;                    /* files given their final name so far */
+  char fileName[MERO_CGI_UPLOAD_TEXT_BYTES]; /* stored name of the file announced last */
+} CGI_UPLOAD_PROGRESS;
+
+/* The upload step by step, for a program that decides file by file: first
+ * MeroCgiLoadUploadParams reads the form fields up to the first file part;
+ * then each call of MeroCgiLoadUploadFileBW or
+ * MeroCgiLoadUploadFileNoTruncate receives the file announced last, and
+ * reads on up to the next one. Each call stores the form fields it read as
+ * request parameters (as MeroCgiSetCGIParam) once it succeeds, and
+ * describes the next file part in three texts:
+ *   field     its field name
+ *   fileName  its stored name (the rules above)
+ *   type      its Content-Type ("" when it has none)
+ * each at most MERO_CGI_UPLOAD_MAX_NAME_BYTES long; a null buffer is not
+ * written. Every call answers:
+ *   1   a file part is next, described in the texts.
+ *   0   the body has ended; the texts are "".
+ *   -1  refused (see above): this call stored nothing, neither a file under
+ *       its final name nor a parameter, and the upload is over (later calls
+ *       answer -1, MERO_ERR_INVALID_ARGUMENT); the texts are "".
+ * `progress`, when not null, is called after every read with the body
+ * bytes received so far and CONTENT_LENGTH; `record`, when not null, is
+ * updated at the same moments. Files a call receives are counted in
+ * record->files, and are not named in the parameters. */
+
+/* Begins the upload: reads the form fields before the first file part.
+ * The three texts go to buffers of the given sizes; a text that does not
+ * fit refuses the call (MERO_ERR_INVALID_ARGUMENT; the upload is over):
+ * MERO_CGI_UPLOAD_TEXT_BYTES hold any. */
+MERO_EXPORT int MeroCgiLoadUploadParams(MEROCGI_STATE* state,
+                                        void (*progress)(unsigned long long received,
+                                                         unsigned long long total),
+                                        CGI_UPLOAD_PROGRESS* record, char* field, int fieldSize,
+                                        char* fileName, int fileNameSize, char* type,
+                                        int typeSize);
+
+/* Receives the file announced last into the file `path` (its directory
+ * must exist; the name is the caller's choice), replacing a file there once
+ * the part has ended and the next part's headers (or the closing delimiter)
+ * were read; a null `path` reads the part and keeps nothing. `bandwidth`
+ * is the most bytes per second to read, in decimal digits (null, "" or "0":
+ * no limit; anything else is refused before reading,
+ * MERO_ERR_INVALID_ARGUMENT). The texts of the next file part go to buffers
+ * of MERO_CGI_UPLOAD_TEXT_BYTES each. */
+MERO_EXPORT int MeroCgiLoadUploadFileBW(MEROCGI_STATE* state, const char* path,
+                                        void (*progress)(unsigned long long received,
+                                                         unsigned long long total),
+                                        CGI_UPLOAD_PROGRESS* record, char* field,
+                                        char* fileName, char* type, const char* bandwidth);
+
+/* As MeroCgiLoadUploadFileBW, but never replaces a file: when `path`
+ * exists the call is refused before reading (MERO_ERR_EXISTS), and a file
+ * that appears there meanwhile refuses it at the end, the received file
+ * removed (MERO_ERR_EXISTS). Instead of a bandwidth text:
+ *   rate     when not null, called after every read with the bytes of this
+ *            file written so far, the body bytes received so far and
+ *            CONTENT_LENGTH; it answers the most bytes per second to read
+ *            from then on (0 or less: no limit).
+ *   written  when not null, receives the bytes of this file written, on
+ *            every return (a refused call included).
+ *   cancel   when not null, asked after every read; non-zero stops the
+ *            upload (MERO_ERR_CANCELLED), leaving nothing of this call. */
+MERO_EXPORT int MeroCgiLoadUploadFileNoTruncate(
+    MEROCGI_STATE* state, const char* path,
+    void (*progress)(unsigned long long received, unsigned long long total),
+    CGI_UPLOAD_PROGRESS* record,
+    long long (*rate)(unsigned long long fileBytes, unsigned long long received,
+                      unsigned long long total),
+    char* field, char* fileName, char* type, unsigned long long* written, BOOL (*cancel)(void));
 
 /* ---- cookies ------------------------------------------------------------- */
 

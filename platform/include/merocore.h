@@ -31,8 +31,16 @@ enum {
   MERO_ERR_NOT_FOUND = 5,          /* file or key absent */
   MERO_ERR_REQUEST_TOO_LARGE = 6,  /* a request exceeded a documented limit */
   MERO_ERR_REQUEST_INCOMPLETE = 7, /* the body ended before CONTENT_LENGTH */
-  MERO_ERR_REQUEST_MALFORMED = 8   /* bad CONTENT_LENGTH, NUL byte, ... */
+  MERO_ERR_REQUEST_MALFORMED = 8,  /* bad CONTENT_LENGTH, NUL byte, ... */
+  MERO_ERR_CANCELLED = 9,          /* the caller's cancel callback stopped the operation */
+  MERO_ERR_EXISTS = 10             /* a file of that name exists and may not be replaced */
 };
+
+/* The platform's truth value in callback types: non-zero is true. */
+#ifndef MERO_BOOL_DEFINED
+#define MERO_BOOL_DEFINED
+typedef int BOOL;
+#endif
 
 /* Records `code` with the source position that detected it. Per thread;
  * overwrites the previous record. */
@@ -106,6 +114,16 @@ MERO_EXPORT int MLIBCFileExist(const char* path);
  * resolve appliance paths with MeroAppliancePath first. */
 MERO_EXPORT int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
                                      int flags);
+
+/* Whether settings file `file` holds `key` with exactly `value` (compared
+ * byte for byte, after the quotes and blanks MLIBCFileGetKeyValue removes).
+ *   1  it does.
+ *   0  it does not: another value, no such key, no such file, a file that
+ *      could not be read, or a null argument (MLIBCErrGet() tells which as
+ *      for MLIBCFileGetKeyValue).
+ * `flags` is reserved and must be 0. */
+MERO_EXPORT int MLIBCFileCheckKeyValue(const char* file, const char* key, const char* value,
+                                       int flags);
 
 /* ------------------------------------------------------------------------ */
 /* Administrators                                                             */

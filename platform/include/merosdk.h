@@ -1,5 +1,6 @@
 /* SDK platform library (libmerosdk): the accounts behind the names people
- * log in with, and their preference directories.
+ * log in with, their preference directories, and the storage volumes files
+ * are kept on.
  *
  * Accounts are looked up through NSS (getpwnam_r), so local, domain and
  * directory accounts are found however the system's name service is set
@@ -52,6 +53,77 @@ MERO_EXPORT int MEROUserLoginNameConvert(const char* name, char* buf, int size);
  *        file, a symbolic link). */
 MERO_EXPORT int MEROUserPreferenceDirGet(const char* user, char* buf, int size);
 MERO_EXPORT int MEROGroupPreferenceDirGet(const char* group, char* buf, int size);
+
+/* ---- storage volumes ------------------------------------------------------ */
+
+/* Storage volumes are the mounted file systems whose mount points match the
+ * appliance's volume patterns, read from the mount table at every call.
+ * Both come from the appliance settings file "/etc/meroinfo.conf" (under
+ * the appliance root, merocore.h):
+ *   storage_volumes="/ /volume[0-9]*"   blank-separated fnmatch(3) patterns
+ *                                       (FNM_PATHNAME: '*' stops at '/')
+ *                                       over absolute mount points; the
+ *                                       default when the file or key is
+ *                                       absent, so a plain server with one
+ *                                       root file system has one volume
+ *   mount_table="/proc/self/mounts"     the mount table, in the format of
+ *                                       /proc/self/mounts (fields separated
+ *                                       by blanks, octal escapes such as
+ *                                       \040 for a blank); an absolute path
+ *                                       used as it is, not under the root
+ * A pattern without wildcards names one volume even while nothing is
+ * mounted there: it is then listed as not mounted (a removed disk). */
+#define MERO_VOLUME_DEFAULT_PATTERNS "/ /volume[0-9]*"
+#define MERO_VOLUME_DEFAULT_MOUNT_TABLE "/proc/self/mounts"
+/* Longest mount point a record holds, with its NUL; a longer one is skipped
+ * (logged), as is a pattern that long. */
+#define MERO_VOLUME_PATH_BYTES 256
+#define MERO_VOLUME_FSTYPE_BYTES 32
+
+/* One volume. The field order is fixed: the first status word precedes the
+ * mount path and the second follows it. */
+typedef struct _tag_VOLUME_INFO {
+  int mounted;                          /* 1: mounted now; 0: a configured volume that is not */
+  char path[MERO_VOLUME_PATH_BYTES];    /* the mount point, NUL-terminated */
+  int writable;                         /* 1: mounted read-write (no "ro" option); 0 otherwise */
+  char fsType[MERO_VOLUME_FSTYPE_BYTES]; /* "ext4", "xfs", ... ("" when not mounted), cut to fit */
+  struct _tag_VOLUME_INFO* next;        /* the next volume, or null */
+} VolumeInfo;
+
+/* The storage volumes, in mount table order (a mount point mounted over is
+ * listed once, as its last, visible mount; configured volumes not mounted
+ * come last, in pattern order), as a newly allocated list: release it with
+ * MEROMountVolInfoFree.
+ *   non-null  the first volume.
+ *   null      no volume matched (MLIBCErrGet() is MERO_ERR_NONE then), or
+ *             failure: the settings file or the mount table could not be
+ *             read (MERO_ERR_IO, logged) or memory ran out
+ *             (MERO_ERR_NO_MEMORY).
+ * `type` and `flags` are reserved (pass 0). */
+MERO_EXPORT VolumeInfo* MEROMountVolInfoEnum(int type, int flags);
+
+/* Frees a list from MEROMountVolInfoEnum. Null is accepted. */
+MERO_EXPORT void MEROMountVolInfoFree(VolumeInfo* list);
+
+/* Bits of VolumeAvailGet's reason word: why no volume was chosen. */
+#define MERO_VOLUME_REASON_FULL 1      /* a mounted, writable volume lacked the room */
+#define MERO_VOLUME_REASON_READ_ONLY 2 /* a mounted volume was skipped: read-only */
+#define MERO_VOLUME_REASON_NO_VOLUME 4 /* no volume is both mounted and writable */
+#define MERO_VOLUME_REASON_STAT_FAILED 8 /* statvfs failed on a volume (skipped, logged) */
+
+/* Chooses a volume with room for `bytes`: the first mounted, writable
+ * volume (in MEROMountVolInfoEnum order) whose space available to
+ * unprivileged users (statvfs: f_bavail * f_frsize) is at least `bytes`.
+ *   > 0  chosen: *volume is a copy of its record (next null); *reason 0.
+ *   0    none has room: *reason holds the MERO_VOLUME_REASON_* bits of what
+ *        was seen (NO_VOLUME when no volume is mounted and writable; FULL
+ *        when one was but lacked the room; READ_ONLY, STAT_FAILED added
+ *        when they occurred); *volume untouched.
+ *   -1   failure: a null `volume`, or MEROMountVolInfoEnum failed
+ *        (MLIBCErrGet() tells why); *volume and *reason untouched.
+ * `reason` may be null. `flags` is reserved (pass 0). */
+MERO_EXPORT int VolumeAvailGet(unsigned long long bytes, VolumeInfo* volume, int* reason,
+                               int flags);
 
 MERO_EXTERN_C_END
 

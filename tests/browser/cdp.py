@@ -100,6 +100,12 @@ class Browser:
                       f" e.value = {json.dumps(value)};"
                       f" e.dispatchEvent(new Event('input', {{bubbles: true}})); }})()")
 
+    async def set_files(self, selector, paths):
+        document = await self.send("DOM.getDocument", session=True)
+        node = await self.send("DOM.querySelector", session=True,
+                               nodeId=document["root"]["nodeId"], selector=selector)
+        await self.send("DOM.setFileInputFiles", session=True, nodeId=node["nodeId"], files=paths)
+
     async def click(self, selector):
         await self.js(f"document.querySelector({json.dumps(selector)}).click()")
 

@@ -2,8 +2,9 @@
 """The admin page in a real browser, served by lighttpd as the demo serves
 it: log in, see the dashboard, save settings with an invalid field and see
 the note next to it, save valid ones and see them after a reload, change the
-theme and see it after a new login, lose the session and land on the login
-form, log out. No console error and no CSP violation anywhere. A screenshot
+theme, upload a file with its progress and see it listed (and a second
+upload of the same name refused), log out, see the theme after a new login,
+lose the session and land on the login form. No console error and no CSP violation anywhere. A screenshot
 of each step goes to SHOTS_DIR.
 
 usage: page_test.py BUILD_DIR LAYOUT_SCRIPT SESSION_TOOL SHOTS_DIR
@@ -109,6 +110,24 @@ async def flow(base, work, session_tool, shots):
         await b.wait_for("document.documentElement.dataset.theme === 'dark'")
         await b.wait_for("document.querySelector('#preferences-message').textContent === 'Saved.'")
         await shot("theme-dark")
+
+        upload = os.path.join(work, "notes from the lab.txt")
+        with open(upload, "w") as f:
+            f.write("firmware 2.1 tested\n" * 4000)
+        await b.set_files("#upload-file", [upload])
+        await b.click("#upload-submit")
+        await b.wait_for("document.querySelector('#upload-message').textContent.startsWith('Uploaded')")
+        assert await b.text("#upload-message") == "Uploaded notes from the lab.txt.", await b.text("#upload-message")
+        assert await b.js("document.querySelector('#upload-progress').value") == 100
+        await b.wait_for("document.querySelector('#files-list tbody').textContent.includes('notes from the lab.txt')")
+        await b.js("document.querySelector('#files-title').scrollIntoView()")
+        await shot("upload")
+        await b.set_files("#upload-file", [upload])
+        await b.click("#upload-submit")
+        await b.wait_for("document.querySelector('#upload-message').textContent.startsWith('The upload')")
+        assert await b.text("#upload-message") == \
+            "The upload was refused: a file of that name is already there.", await b.text("#upload-message")
+        await b.js("window.scrollTo(0, 0)")
 
         await b.click("#logout")
         await b.wait_for("!document.querySelector('#login-view').hidden")

@@ -14,11 +14,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -637,6 +639,76 @@ std::string ShareTool(const fs::path& work, const std::string& arguments,
   return text;
 }
 
+// Uploads through the server as curl sends them, to Demo.Files.
+
+constexpr unsigned long long kMiB = 1024 * 1024;
+
+// A file of `size` bytes that takes almost no disk: holes, with 64 KiB of
+// varied bytes every 32 MiB and at the end, so a lost, repeated or
+// misplaced piece changes the file's hash.
+void SparseSource(const fs::path& file, unsigned long long size) {
+  std::ofstream(file, std::ios::binary);
+  fs::resize_file(file, size);
+  std::fstream out(file, std::ios::binary | std::ios::in | std::ios::out);
+  std::string island(64 * 1024, '\0');
+  unsigned long long state = size;
+  for (unsigned long long at = 0; at < size; at = std::min(at + 32 * kMiB, size - island.size())) {
+    for (char& c : island) c = static_cast<char>((state = state * 6364136223846793005ULL + 1) >> 56);
+    out.seekp(static_cast<std::streamoff>(at));
+    out.write(island.data(), static_cast<std::streamsize>(island.size()));
+    if (at == size - island.size()) break;
+  }
+}
+
+std::string Sha256Of(const fs::path& file) {
+  std::unique_ptr<FILE, int (*)(FILE*)> out(popen(("sha256sum " + Quoted(file.string())).c_str(), "r"), pclose);
+  char hash[65] = {};
+  EXPECT_EQ(std::fread(hash, 1, 64, out.get()), 64u) << file;
+  return hash;
+}
+
+// The CGI programs the server runs now, named `name`.
+std::vector<pid_t> ProgramsOf(pid_t server, const std::string& name) {
+  std::vector<pid_t> found;
+  std::ifstream children("/proc/" + std::to_string(server) + "/task/" + std::to_string(server) + "/children");
+  for (pid_t child; children >> child;) {
+    std::ifstream comm("/proc/" + std::to_string(child) + "/comm");
+    std::string command;
+    if (std::getline(comm, command) && command == name) found.push_back(child);
+  }
+  return found;
+}
+
+// The peak resident memory of process `pid` so far, in KiB (0 when gone).
+long PeakKib(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
+  return 0;
+}
+
+// Starts curl uploading `source` as file "file" named `name`; its answer
+// goes to `answer`.
+pid_t StartUpload(int port, const std::string& session, const fs::path& source,
+                  const std::string& name, const fs::path& answer, const char* limitRate) {
+  const std::string url = "http://127.0.0.1:" + std::to_string(port) +
+                          "/api/files?api=Demo.Files&method=upload&version=1";
+  const std::string form = "file=@" + source.string() + ";filename=" + name;
+  const std::string cookie = "id=" + session;
+  const std::string origin = "Origin: http://127.0.0.1:" + std::to_string(port);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<const char*> args = {"curl", "-s", "--max-time", "600", "-o", answer.c_str(), "-b",
+                                     cookie.c_str(), "-H", origin.c_str(), "-F", form.c_str()};
+    if (limitRate) args.insert(args.end(), {"--limit-rate", limitRate});
+    args.push_back(url.c_str());
+    args.push_back(nullptr);
+    execvp("curl", const_cast<char* const*>(args.data()));
+    _exit(127);
+  }
+  return pid;
+}
+
 }  // namespace
 
 TEST_F(ServedApiTest, SharingLinksWithAndWithoutTheirPassword) {
@@ -703,4 +775,64 @@ TEST_F(ServedApiTest, SharingLinksWithAndWithoutTheirPassword) {
   ASSERT_EQ(ref.size(), 16u);
   ShareTool(work_, "revoke --ref " + ref);
   EXPECT_EQ(Fetch({list + "/docs&_sharing_id=" + open}).body, Error(126));
+}
+
+TEST_F(ServedApiTest, UploadOfOneGibibyteArrivesWholeInBoundedMemory) {
+  const unsigned long long size = 1024 * kMiB;
+  const fs::path source = work_ / "upload-source", answer = work_ / "upload-answer";
+  const fs::path stored = work_ / "root/var/lib/webapi-demo/files/gib.bin";
+  struct Cleanup {
+    std::vector<fs::path> files;
+    ~Cleanup() {
+      std::error_code ignored;
+      for (const fs::path& file : files) fs::remove(file, ignored);
+    }
+  } cleanup{{source, answer, stored}};
+  SparseSource(source, size);
+
+  const pid_t curl = StartUpload(port_, session_, source, "gib.bin", answer, nullptr);
+  long peakKib = 0;
+  int status = 0;
+  while (waitpid(curl, &status, WNOHANG) == 0) {
+    for (pid_t program : ProgramsOf(servers_.back(), "files")) peakKib = std::max(peakKib, PeakKib(program));
+    usleep(10000);
+  }
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(ReadFile(answer),
+            R"({"data":{"files":[{"name":"gib.bin","size":1073741824}]},"success":true})");
+  ASSERT_EQ(fs::file_size(stored), size);
+  EXPECT_EQ(Sha256Of(stored), Sha256Of(source));
+  ASSERT_GT(peakKib, 0) << "the CGI program was never seen";
+  std::printf("peak resident memory of the CGI program: %ld KiB\n", peakKib);
+#ifndef E2E_SANITIZED  // the sanitizers' shadow memory is no upload's
+  EXPECT_LE(peakKib, 8 * 1024);
+#endif
+}
+
+TEST_F(ServedApiTest, UploadCutShortLeavesNoFile) {
+  const fs::path source = work_ / "cut-source", answer = work_ / "cut-answer";
+  const fs::path files = work_ / "root/var/lib/webapi-demo/files";
+  SparseSource(source, 64 * kMiB);
+  std::set<std::string> before;  // the demo's own files (what links share) stay
+  for (const auto& entry : fs::directory_iterator(files)) before.insert(entry.path().filename());
+  const pid_t curl = StartUpload(port_, session_, source, "cut.bin", answer, "8M");
+  // Killed once the program is receiving (about a second into 8 s).
+  std::vector<pid_t> receiving;
+  for (int i = 0; i < 500 && receiving.empty(); ++i) {
+    receiving = ProgramsOf(servers_.back(), "files");
+    usleep(10000);
+  }
+  ASSERT_FALSE(receiving.empty()) << "the upload never reached the program";
+  usleep(800000);
+  // lighttpd ends the program with SIGTERM as its client goes, racing the
+  // program's own refusal of the short body: either way nothing may stay.
+  kill(curl, SIGKILL);
+  waitpid(curl, nullptr, 0);
+  for (int i = 0; i < 1000 && !ProgramsOf(servers_.back(), "files").empty(); ++i) usleep(10000);
+  EXPECT_TRUE(ProgramsOf(servers_.back(), "files").empty()) << "the program did not end";
+  std::vector<std::string> left;
+  for (const auto& entry : fs::directory_iterator(files))
+    if (!before.count(entry.path().filename())) left.push_back(entry.path().filename());
+  EXPECT_TRUE(left.empty()) << left.front();
+  fs::remove(source);
 }

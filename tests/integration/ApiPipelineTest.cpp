@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <string>
 
@@ -126,6 +127,60 @@ TEST_F(ApiPipelineTest, UploadWithoutUploadHandlerIsLoggedAndGoesOn) {
         body);
     EXPECT_EQ(child.out, expected) << query;
     EXPECT_NE(child.err.find("UnHandled Upload File Operation."), std::string::npos) << child.err;
+  }
+}
+
+TEST_F(ApiPipelineTest, UploadHookReceivesTheFilesAndTheBodyNamesTheRequest) {
+  auto part = [](const std::string& disposition, const std::string& data) {
+    return "--b\r\nContent-Disposition: form-data; " + disposition + "\r\n\r\n" + data + "\r\n";
+  };
+  const std::string fields = part("name=\"api\"", "Probe.Item") + part("name=\"method\"", "get") +
+                             part("name=\"version\"", "1");
+  const std::string good = fields + part("name=\"file\"; filename=\"report.txt\"", "r") + "--b--\r\n";
+  const std::string uploaded =
+      Envelope(R"({"data":{"api":"Probe.Item","file":"report.txt","method":"get","tokenLength":0,)"
+               R"("upload":1,"user":"","version":1},"success":true})");
+  const std::string up = (root() / "up").string(), tmp = (root() / "tmp").string();
+  std::filesystem::create_directories(up);
+  std::filesystem::create_directories(tmp);
+  WriteRootFile("mounts", "a " + root().string() + "/ro ext4 ro 0 0\n");
+  WriteRootFile("etc/meroinfo.conf", "mount_table=\"" + root().string() + "/mounts\"\n" +
+                                         "storage_volumes=\"" + root().string() + "/*\"\n");
+  const struct {
+    const char* label;
+    std::string uploadDir;
+    bool noDisks;
+    std::string body;
+    std::string answer;
+    const char* logged;
+    std::string stored;  // where report.txt must be, "" for nowhere
+  } cases[] = {
+      {"into a named directory", up, false, good, uploaded, nullptr, up},
+      {"no disks: /tmp under the root", "-", true, good, uploaded, nullptr, tmp},
+      {"no usable volume", "-", false, good, Error(101), "no path for upload", ""},
+      {"a body without its end", up, false, fields, Error(101), "failed to upload to path ", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    if (c.noDisks) WriteRootFile("etc.defaults/meroinfo.conf", "maxdisks=\"0\"\n");
+    const webapi_test::ChildResult child = webapi_test::RunChild(
+        API_PROBE_PATH,
+        {{"REQUEST_METHOD", "POST"},
+         {"CONTENT_TYPE", "multipart/form-data; boundary=b"},
+         {"CONTENT_LENGTH", std::to_string(c.body.size())},
+         {"MERO_APPLIANCE_ROOT", root().string()},
+         {"PROBE_NO_CHECK", "1"},
+         {"PROBE_UPLOAD", c.uploadDir}},
+        c.body);
+    std::filesystem::remove(root() / "etc.defaults/meroinfo.conf");
+    EXPECT_EQ(child.out, c.answer);
+    if (c.logged) {
+      EXPECT_NE(child.err.find(c.logged), std::string::npos) << child.err;
+    }
+    for (const std::string& dir : {up, tmp}) {
+      EXPECT_EQ(std::filesystem::exists(dir + "/report.txt"), dir == c.stored) << dir;
+      std::filesystem::remove(dir + "/report.txt");
+    }
   }
 }
 

@@ -5,6 +5,9 @@
 //   PROBE_NO_CHECK     set: Run(false)
 //   PROBE_MAPS         set: after the request, every file mapped into the
 //                      process is listed on stderr ("mapped <path>")
+//   PROBE_UPLOAD       set: the upload hook receives the upload with
+//                      LoadIn(that directory; "-": null), and the answer
+//                      carries its result ("upload") and parameter "file"
 // Methods: "get"/"list" answer what the handler saw (with the sharing link
 // and session ids when the request carried either); "fail" answers error
 // 400 with detail; "export" (a download method) prints its own output.
@@ -14,6 +17,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <string>
@@ -52,8 +56,21 @@ class ProbeApi : public MERO::WebAPI {
       seen["sharingId"] = cgi.GetSharingID();
       seen["sharingSid"] = cgi.GetSharingSID();
     }
+    if (std::getenv("PROBE_UPLOAD")) {
+      seen["upload"] = uploadResult;
+      seen["file"] = cgi.In("file", "");
+    }
     SetResponse(seen);
   }
+
+  void HandleUploadFile() override {
+    const char* dir = std::getenv("PROBE_UPLOAD");
+    if (!dir) return MERO::WebAPI::HandleUploadFile();
+    uploadResult = cgi.LoadIn(std::strcmp(dir, "-") == 0 ? nullptr : dir);
+  }
+
+ private:
+  int uploadResult = 0;
 };
 
 }  // namespace

@@ -108,6 +108,22 @@ TEST_F(JsonFileStoreTest, SettingsFilesReadKeyValueLines) {
   // A directory opens but cannot be read: no answer, not "no such key".
   EXPECT_EQ(MLIBCFileGetKeyValue(PathOf("etc").c_str(), "a", small, sizeof small, 0), -1);
   EXPECT_EQ(MLIBCErrGet(), MERO_ERR_IO);
+
+  // Whole values only: a prefix, a blank more or another file is no match.
+  const std::string longest(4093, 'e');
+  const struct {
+    std::string file;
+    const char* key;
+    const char* value;
+    int result;
+  } checks[] = {{file, "a", "one", 1},           {file, "a", "on", 0},
+                {file, "a", "one ", 0},          {file, "c", "", 1},
+                {file, "d", "", 0},              {file, "e", longest.c_str(), 1},
+                {PathOf("etc/none"), "a", "one", 0}};
+  for (const auto& c : checks) {
+    SCOPED_TRACE(std::string(c.key) + "=" + std::string(c.value).substr(0, 8));
+    EXPECT_EQ(MLIBCFileCheckKeyValue(c.file.c_str(), c.key, c.value, 0), c.result);
+  }
 }
 
 }  // namespace

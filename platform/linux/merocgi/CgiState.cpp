@@ -6,6 +6,7 @@
 
 #include "merocgi.h"
 #include "session/SessionOptions.h"
+#include "upload/UploadSession.h"
 
 // Field order is the appliance's record layout; on its 32-bit target every
 // field is one word and these are the byte offsets the library was built for.
@@ -19,7 +20,8 @@ static_assert(offsetof(MEROCGI_STATE, inCookieTable) < offsetof(MEROCGI_STATE, q
                   offsetof(MEROCGI_STATE, registry) < offsetof(MEROCGI_STATE, extra) &&
                   offsetof(MEROCGI_STATE, extra) < offsetof(MEROCGI_STATE, headerPrinted) &&
                   offsetof(MEROCGI_STATE, headerPrinted) < offsetof(MEROCGI_STATE, session) &&
-                  offsetof(MEROCGI_STATE, session) < offsetof(MEROCGI_STATE, reserved) &&
+                  offsetof(MEROCGI_STATE, session) < offsetof(MEROCGI_STATE, upload) &&
+                  offsetof(MEROCGI_STATE, upload) < offsetof(MEROCGI_STATE, reserved) &&
                   offsetof(MEROCGI_STATE, reserved) < offsetof(MEROCGI_STATE, sessionTimeout) &&
                   offsetof(MEROCGI_STATE, sessionTimeout) < offsetof(MEROCGI_STATE, skipCheckIP),
               "CGI state fields keep the appliance's order");
@@ -87,6 +89,7 @@ void MeroCgiFree(MEROCGI_STATE* state) {
   std::free(state->registry);
   std::free(state->extra);
   delete state->session;
+  merocgi::FreeUpload(state->upload);
   std::memset(state, 0, sizeof *state);
 }
 

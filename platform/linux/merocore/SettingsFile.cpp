@@ -84,4 +84,17 @@ int MLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
   return 0;
 }
 
+int MLIBCFileCheckKeyValue(const char* file, const char* key, const char* value, int flags) {
+  char found[kMaxSettingsLine];
+  if (!value) {
+    MERO_ERR_SET(MERO_ERR_INVALID_ARGUMENT);
+    return 0;
+  }
+  // The buffer holds any value: longer lines are skipped whole.
+  return MLIBCFileGetKeyValue(file, key, found, sizeof found, flags) == 1 &&
+                 std::strcmp(found, value) == 0
+             ? 1
+             : 0;
+}
+
 }  // extern "C"
