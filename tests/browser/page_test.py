@@ -162,7 +162,8 @@ async def flow(base, work, session_tool, shots):
 
 def main():
     build, layout, session_tool, shots = sys.argv[1:5]
-    os.makedirs(shots, exist_ok=True)
+    shutil.rmtree(shots, ignore_errors=True)  # only this run's steps
+    os.makedirs(shots)
     work = tempfile.mkdtemp(prefix="browser-", dir=build)
     server = None
     try:
