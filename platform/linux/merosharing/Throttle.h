@@ -1,6 +1,5 @@
-// The counts that throttle password proofs (the rule is in merosharing.h):
-// attempts, the time of the last one, and the end of a lock, packed as
-// three little-endian 64-bit words.
+// The counts that throttle password proofs (the rule is in merosharing.h,
+// the arithmetic shared with logins in mero_throttle.h).
 #ifndef MEROSHARING_THROTTLE_H
 #define MEROSHARING_THROTTLE_H
 
@@ -9,21 +8,27 @@
 #include <cstdint>
 #include <string>
 
+#include "mero_throttle.h"
+#include "merosharing.h"
+
 namespace MERO {
 namespace sharing {
 
-struct Count {
-  int64_t attempts = 0, lastAttempt = 0, lockedUntil = 0;
-};
+using Count = mero::ThrottleCount;
 
-std::string EncodeCount(const Count& count);
-// An unreadable record reads as no count: start afresh rather than lock
-// anybody out.
-Count DecodeCount(const MDB_val& value);
-// The count after one more attempt at `now`, given the limit of its kind.
-Count CountAttempt(Count count, int64_t now, int64_t limit);
-// Whether a count no longer matters at `now` (its window and lock passed).
-bool IsStale(const Count& count, int64_t now);
+constexpr mero::ThrottleRule kPasswordThrottleRule{
+    MERO_SHARING_THROTTLE_WINDOW, MERO_SHARING_THROTTLE_LOCK, MERO_SHARING_THROTTLE_MAX_LOCK};
+
+inline std::string EncodeCount(const Count& count) { return mero::EncodeThrottleCount(count); }
+inline Count DecodeCount(const MDB_val& value) {
+  return mero::DecodeThrottleCount(value.mv_data, value.mv_size);
+}
+inline Count CountAttempt(Count count, int64_t now, int64_t limit) {
+  return mero::CountAttempt(count, now, limit, kPasswordThrottleRule);
+}
+inline bool IsStale(const Count& count, int64_t now) {
+  return mero::IsStale(count, now, kPasswordThrottleRule);
+}
 
 }  // namespace sharing
 }  // namespace MERO

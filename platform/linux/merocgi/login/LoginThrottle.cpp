@@ -27,35 +27,15 @@ std::string KeyFor(char kind, const std::string& text, bool foldCase) {
   return key;
 }
 
-std::string Encode(const ThrottleCount& count) {
-  std::string out;
-  for (int64_t word : {count.attempts, count.lastAttempt, count.lockedUntil})
-    for (int i = 0; i < 8; ++i) out.push_back(static_cast<char>(uint64_t(word) >> (8 * i)));
-  return out;
-}
-
-ThrottleCount Decode(const MDB_val& value) {
-  ThrottleCount count;
-  if (value.mv_size != 24) return count;  // unreadable: start afresh rather than lock anybody out
-  const auto* bytes = static_cast<const uint8_t*>(value.mv_data);
-  int64_t* words[] = {&count.attempts, &count.lastAttempt, &count.lockedUntil};
-  for (int w = 0; w < 3; ++w) {
-    uint64_t bits = 0;
-    for (int i = 0; i < 8; ++i) bits |= uint64_t(bytes[8 * w + i]) << (8 * i);
-    *words[w] = static_cast<int64_t>(bits);
-  }
-  return count;
-}
-
 int Get(MDB_txn* txn, MDB_dbi dbi, const std::string& key, ThrottleCount* count) {
   MDB_val k{key.size(), const_cast<char*>(key.data())}, value;
   const int status = mdb_get(txn, dbi, &k, &value);
-  if (status == 0) *count = Decode(value);
+  if (status == 0) *count = mero::DecodeThrottleCount(value.mv_data, value.mv_size);
   return status == MDB_NOTFOUND ? 0 : status;
 }
 
 int Put(MDB_txn* txn, MDB_dbi dbi, const std::string& key, const ThrottleCount& count) {
-  const std::string record = Encode(count);
+  const std::string record = mero::EncodeThrottleCount(count);
   MDB_val k{key.size(), const_cast<char*>(key.data())}, value{record.size(), const_cast<char*>(record.data())};
   return mdb_put(txn, dbi, &k, &value, 0);
 }
@@ -71,7 +51,7 @@ int CleanUp(MDB_txn* txn, MDB_dbi dbi, int64_t now) {
   status = mdb_cursor_get(cursor, &key, &value, MDB_SET_RANGE);
   if (status == MDB_NOTFOUND) status = mdb_cursor_get(cursor, &key, &value, MDB_FIRST);
   for (int seen = 0; status == 0 && seen < kCleanupPerWrite; ++seen) {
-    if (IsStale(Decode(value), now) && (status = mdb_cursor_del(cursor, 0)) != 0) break;
+    if (IsStale(mero::DecodeThrottleCount(value.mv_data, value.mv_size), now) && (status = mdb_cursor_del(cursor, 0)) != 0) break;
     status = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
   }
   mdb_cursor_close(cursor);
@@ -79,23 +59,6 @@ int CleanUp(MDB_txn* txn, MDB_dbi dbi, int64_t now) {
 }
 
 }  // namespace
-
-ThrottleCount CountAttempt(ThrottleCount count, int64_t now, int64_t limit) {
-  if (now - count.lastAttempt > MERO_CGI_LOGIN_THROTTLE_WINDOW) count.attempts = 0;
-  ++count.attempts;
-  count.lastAttempt = now;
-  if (count.attempts >= limit) {
-    const int64_t doublings = std::min<int64_t>(count.attempts - limit, 30);
-    const int64_t lock = std::min<int64_t>(int64_t(MERO_CGI_LOGIN_THROTTLE_LOCK) << doublings,
-                                           MERO_CGI_LOGIN_THROTTLE_MAX_LOCK);
-    count.lockedUntil = now + lock;
-  }
-  return count;
-}
-
-bool IsStale(const ThrottleCount& count, int64_t now) {
-  return now - count.lastAttempt > MERO_CGI_LOGIN_THROTTLE_WINDOW && now >= count.lockedUntil;
-}
 
 LoginThrottle::LoginThrottle(std::string user, std::string client)
     : userKey_(KeyFor('u', user, true)), clientKey_(KeyFor('c', client, false)) {}

@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <string>
 
+#include "mero_throttle.h"
+#include "merocgi.h"
+
 namespace merocgi {
 
 class LoginThrottle {
@@ -30,18 +33,19 @@ class LoginThrottle {
   std::string clientKey_;
 };
 
-// One counter: its attempts, the time of the last one, and the end of its
-// lock. Packed as three little-endian 64-bit words.
-struct ThrottleCount {
-  int64_t attempts = 0;
-  int64_t lastAttempt = 0;
-  int64_t lockedUntil = 0;
-};
+// The login rule (merocgi.h) over the counting shared with link passwords.
+using ThrottleCount = mero::ThrottleCount;
+constexpr mero::ThrottleRule kLoginThrottleRule{
+    MERO_CGI_LOGIN_THROTTLE_WINDOW, MERO_CGI_LOGIN_THROTTLE_LOCK, MERO_CGI_LOGIN_THROTTLE_MAX_LOCK};
 
 // The counter after one more attempt at `now`, given the limit of its kind.
-ThrottleCount CountAttempt(ThrottleCount count, int64_t now, int64_t limit);
+inline ThrottleCount CountAttempt(ThrottleCount count, int64_t now, int64_t limit) {
+  return mero::CountAttempt(count, now, limit, kLoginThrottleRule);
+}
 // Whether a counter no longer matters at `now` (its window and lock passed).
-bool IsStale(const ThrottleCount& count, int64_t now);
+inline bool IsStale(const ThrottleCount& count, int64_t now) {
+  return mero::IsStale(count, now, kLoginThrottleRule);
+}
 
 }  // namespace merocgi
 
