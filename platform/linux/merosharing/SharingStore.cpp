@@ -12,6 +12,7 @@
 #include "../merocgi/session/SessionKeys.h"
 #include "SharingLog.h"
 #include "merocore.h"
+#include "mero_lmdb_owners.h"
 
 #ifdef MEROCGI_LMDB_LINKED_IN
 // What the linked-in LMDB's assertion handler prints to (see CMakeLists.txt).
@@ -26,38 +27,11 @@ namespace sharing {
 namespace db {
 namespace {
 
+using mero::CursorOwner;
+using mero::TxnOwner;
+
 constexpr uint8_t kRowFormat = 1;
 constexpr unsigned kTables = 4;
-
-// Aborts a transaction unless it was committed.
-class TxnOwner {
- public:
-  explicit TxnOwner(MDB_txn* txn) : txn_(txn) {}
-  TxnOwner(const TxnOwner&) = delete;
-  TxnOwner& operator=(const TxnOwner&) = delete;
-  ~TxnOwner() {
-    if (txn_) mdb_txn_abort(txn_);
-  }
-  int Commit() { return mdb_txn_commit(std::exchange(txn_, nullptr)); }
-
- private:
-  MDB_txn* txn_;
-};
-
-class CursorOwner {
- public:
-  CursorOwner() = default;
-  CursorOwner(const CursorOwner&) = delete;
-  CursorOwner& operator=(const CursorOwner&) = delete;
-  ~CursorOwner() {
-    if (cursor_) mdb_cursor_close(cursor_);
-  }
-  MDB_cursor** Out() { return &cursor_; }
-  MDB_cursor* Get() const { return cursor_; }
-
- private:
-  MDB_cursor* cursor_ = nullptr;
-};
 
 class Writer {
  public:

@@ -16,6 +16,7 @@
 #include "SessionKeys.h"
 #include "merocgi.h"
 #include "merocore.h"
+#include "mero_lmdb_owners.h"
 
 #ifdef MEROCGI_LMDB_LINKED_IN
 // What the linked-in LMDB's assertion handler prints to (see CMakeLists.txt):
@@ -27,40 +28,12 @@ std::FILE* merocgi_lmdb_stderr = nullptr;
 namespace merocgi {
 namespace {
 
+using mero::CursorOwner;
+using mero::TxnOwner;
+
 // Format 2 adds the idle limit to format 1, which is still read.
 constexpr uint8_t kRecordFormat = 2;
 constexpr uint8_t kRecordFormatWithoutIdleLimit = 1;
-
-// Aborts a transaction unless it was committed (or handed back).
-class TxnOwner {
- public:
-  explicit TxnOwner(MDB_txn* txn) : txn_(txn) {}
-  TxnOwner(const TxnOwner&) = delete;
-  TxnOwner& operator=(const TxnOwner&) = delete;
-  ~TxnOwner() {
-    if (txn_) mdb_txn_abort(txn_);
-  }
-  MDB_txn* Get() const { return txn_; }
-  int Commit() { return mdb_txn_commit(std::exchange(txn_, nullptr)); }
-
- private:
-  MDB_txn* txn_;
-};
-
-class CursorOwner {
- public:
-  CursorOwner() = default;
-  CursorOwner(const CursorOwner&) = delete;
-  CursorOwner& operator=(const CursorOwner&) = delete;
-  ~CursorOwner() {
-    if (cursor_) mdb_cursor_close(cursor_);
-  }
-  MDB_cursor** Out() { return &cursor_; }
-  MDB_cursor* Get() const { return cursor_; }
-
- private:
-  MDB_cursor* cursor_ = nullptr;
-};
 
 void PutInt(std::string* out, int64_t value) {
   for (int i = 0; i < 8; ++i) out->push_back(static_cast<char>(uint64_t(value) >> (8 * i)));
