@@ -19,6 +19,7 @@ install(FILES
   include/webapi/Export.h
   include/webapi/JsonValue.h
   include/webapi/RunAsGuard.h
+  include/webapi/Serve.h
   include/webapi/WebAPI.h
   include/webapi/WebAPIUtil.h
   include/webapi/WebCGI.h
@@ -26,6 +27,8 @@ install(FILES
 install(FILES
   platform/include/mero_export.h
   platform/include/merocgi.h
+  platform/include/merocgi_server.h
+  platform/include/mero_request_io.h
   platform/include/merocore.h
   platform/include/merosdk.h
   platform/include/merosharing.h

@@ -8,10 +8,16 @@
 // out both files and the session under a temporary appliance root. The exit
 // status is 1 when the request was refused, so a bench run that lost its
 // session fails instead of timing an error answer.
+#include <cstdlib>
+
+#include "webapi/Serve.h"
+
 #include "../BenchApi.h"
 
-int main() {
-  webapi_bench::BenchApi request;
-  request.Run(true);
-  return request.GetError() == 0 ? 0 : 1;
+int main(int argc, char** argv) {
+  return MERO::ServeRequests(argc, argv, [] {
+    webapi_bench::BenchApi request;
+    request.Run(true);
+    if (request.GetError() != 0) std::exit(1);  // a failed request fails the bench run
+  });
 }

@@ -17,6 +17,7 @@
 //        to wait
 //   503  the login service is not working (see the server's log)
 #include <merocgi.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 
 #include <strings.h>
@@ -90,7 +91,4 @@ class AuthApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  AuthApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<AuthApi>(argc, argv); }

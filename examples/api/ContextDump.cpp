@@ -14,6 +14,7 @@
 #include <string>
 
 #include "merocore.h"
+#include "webapi/Serve.h"
 #include "webapi/WebCGI.h"
 
 namespace {
@@ -42,8 +43,7 @@ Json::Value Lookup(const std::string& names, const Getter& get) {
 
 }  // namespace
 
-int main() {
-  openlog("context-dump", LOG_PERROR | LOG_PID, LOG_USER);
+static void DumpContext() {
   const std::string session = EnvOr("DUMP_SESSION", "zel");
   MERO::WebCGI cgi(session.c_str(), true);
 
@@ -60,5 +60,9 @@ int main() {
 
   std::fputs("Content-type: application/json; charset=\"UTF-8\"\r\n\r\n", stdout);
   std::fputs(Json::FastWriter().write(out).c_str(), stdout);
-  return 0;
+}
+
+int main(int argc, char** argv) {
+  openlog("context-dump", LOG_PERROR | LOG_PID, LOG_USER);
+  return MERO::ServeRequests(argc, argv, DumpContext);
 }

@@ -20,6 +20,7 @@
 // of this API receives files.
 #include <merocgi.h>
 #include <merocore.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 
 #include <strings.h>
@@ -135,7 +136,4 @@ class FilesApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  FilesApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<FilesApi>(argc, argv); }

@@ -1,6 +1,7 @@
 // Demo.Maintenance: an API for administrators only. Its session name,
 // "demoadmin", has an auth file that requires the privilege "admin": a
 // session without it is refused with 105 before this handler runs.
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 
 namespace {
@@ -19,7 +20,4 @@ class MaintenanceApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  MaintenanceApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<MaintenanceApi>(argc, argv); }

@@ -6,6 +6,7 @@
 //               values: {"error":{"code":120,"errors":{"theme":"light or dark"}},...}
 #include <fcntl.h>
 #include <unistd.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 #include <webapi/WebAPIUtil.h>
 
@@ -88,7 +89,4 @@ class PreferencesApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  PreferencesApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<PreferencesApi>(argc, argv); }

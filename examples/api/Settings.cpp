@@ -9,6 +9,7 @@
 //   method=export  (a download method: no envelope) the file itself, as an
 //                  attachment
 #include <merocore.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 #include <webapi/WebAPIUtil.h>
 
@@ -130,7 +131,4 @@ class SettingsApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  SettingsApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<SettingsApi>(argc, argv); }

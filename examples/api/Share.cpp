@@ -30,6 +30,7 @@
 #include <merosharing.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 
 #include <strings.h>
@@ -177,7 +178,4 @@ class ShareApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  ShareApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<ShareApi>(argc, argv); }

@@ -9,6 +9,7 @@
 #include <sys/statvfs.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
+#include <webapi/Serve.h>
 #include <webapi/WebAPI.h>
 
 #include <cstdio>
@@ -72,7 +73,4 @@ class SystemInfoApi : public MERO::WebAPI {
 
 }  // namespace
 
-int main() {
-  SystemInfoApi api;
-  api.Run();
-}
+int main(int argc, char** argv) { return MERO::Serve<SystemInfoApi>(argc, argv); }

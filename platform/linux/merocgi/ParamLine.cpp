@@ -11,6 +11,7 @@
 #include "CgiLog.h"
 #include "RequestMethod.h"
 #include "merocgi.h"
+#include "mero_request_io.h"
 
 namespace {
 
@@ -58,8 +59,7 @@ void ReadBodyOnce() {
   }
   size_t got = 0;
   while (got < static_cast<size_t>(length)) {
-    const ssize_t n = ::read(STDIN_FILENO, bytes + got, static_cast<size_t>(length) - got);
-    if (n < 0 && errno == EINTR) continue;
+    const ssize_t n = MeroCgiRequestBodyRead(bytes + got, static_cast<size_t>(length) - got);
     if (n < 0) {
       MEROCGI_LOG("refused request: reading the body failed: %m");
       std::free(bytes);

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "merocgi.h"
+#include "mero_request_io.h"
 
 namespace merocgi {
 namespace {
@@ -25,16 +26,13 @@ constexpr size_t kPageBytes = 4096;
 ssize_t BodySource::Read(char* into, size_t size) {
   if (received_ == length_) return 0;
   if (size > length_ - received_) size = static_cast<size_t>(length_ - received_);
-  for (;;) {
-    const ssize_t got = ::read(fd_, into, size);
-    if (got > 0) {
-      received_ += static_cast<unsigned long long>(got);
-      return got;
-    }
-    if (got < 0 && errno == EINTR) continue;
-    error_ = got == 0 ? MERO_ERR_REQUEST_INCOMPLETE : MERO_ERR_IO;
-    return -1;
+  const ssize_t got = MeroCgiRequestBodyRead(into, size);
+  if (got > 0) {
+    received_ += static_cast<unsigned long long>(got);
+    return got;
   }
+  error_ = got == 0 ? MERO_ERR_REQUEST_INCOMPLETE : MERO_ERR_IO;
+  return -1;
 }
 
 MultipartStream::MultipartStream(BodySource* body, const std::string& boundary)

@@ -16,11 +16,11 @@
 
 namespace merocgi {
 
-// The request body: standard input (or any descriptor), to exactly
+// The request body, read through the process's request I/O, to exactly
 // `length` bytes.
 class BodySource {
  public:
-  BodySource(int fd, unsigned long long length) : fd_(fd), length_(length) {}
+  explicit BodySource(unsigned long long length) : length_(length) {}
   // > 0 bytes read; 0 when all `length` bytes were read; -1 on failure, with
   // error() MERO_ERR_REQUEST_INCOMPLETE (input ended early) or MERO_ERR_IO.
   ssize_t Read(char* into, size_t size);
@@ -29,7 +29,6 @@ class BodySource {
   int error() const { return error_; }
 
  private:
-  int fd_;
   unsigned long long length_;
   unsigned long long received_ = 0;
   int error_ = 0;

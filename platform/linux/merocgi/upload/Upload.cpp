@@ -81,7 +81,7 @@ bool ParseLength(const char* text, unsigned long long* length) {
 
 struct _tag_MEROCGI_UPLOAD final : merocgi::ReadObserver {
   _tag_MEROCGI_UPLOAD(unsigned long long length, const std::string& boundary)
-      : body(STDIN_FILENO, length), stream(&body, boundary) {
+      : body(length), stream(&body, boundary) {
     stream.SetObserver(this);
   }
 

@@ -1,0 +1,106 @@
+// Choosing the mode: a CGI request must cost no more than a getenv, so the
+// server's pieces are only touched once it is clear there is no request.
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ForkServer.h"
+#include "ServerOptions.h"
+#include "merocgi_server.h"
+
+extern char** environ;
+
+namespace merocgi::server {
+namespace {
+
+constexpr int kActivatedFd = 3;
+
+bool IsListeningSocket(int fd) {
+  int listening = 0;
+  socklen_t length = sizeof listening;
+  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
+}
+
+int ActivatedSocket() {
+  const char* pid = std::getenv("LISTEN_PID");
+  const char* fds = std::getenv("LISTEN_FDS");
+  if (!pid || !fds || std::atol(pid) != getpid() || std::atoi(fds) < 1) return -1;
+  for (const char* name : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(name);
+  return IsListeningSocket(kActivatedFd) ? kActivatedFd : -1;
+}
+
+// The server's own environment is every child's starting point: no
+// variable of a request may be there before the request's own are set.
+bool IsRequestVariable(const std::string& name) {
+  static const char* const kNames[] = {
+      "AUTH_TYPE",      "CONTENT_LENGTH",  "CONTENT_TYPE",    "DOCUMENT_ROOT",   "DOCUMENT_URI",
+      "GATEWAY_INTERFACE", "HTTPS",        "PATH_INFO",       "PATH_TRANSLATED", "QUERY_STRING",
+      "REDIRECT_STATUS", "REMOTE_ADDR",    "REMOTE_HOST",     "REMOTE_IDENT",    "REMOTE_PORT",
+      "REMOTE_USER",    "REQUEST_METHOD",  "REQUEST_SCHEME",  "REQUEST_URI",     "REWRITE_APP",
+      "SCRIPT_FILENAME", "SCRIPT_NAME",    "SERVER_ADDR",     "SERVER_NAME",     "SERVER_PORT",
+      "SERVER_PROTOCOL", "SERVER_SOFTWARE"};
+  if (name.rfind("HTTP_", 0) == 0) return true;
+  for (const char* known : kNames)
+    if (name == known) return true;
+  return false;
+}
+
+void RemoveRequestVariables() {
+  std::vector<std::string> names;
+  for (char** entry = environ; entry && *entry; ++entry) {
+    const char* equals = std::strchr(*entry, '=');
+    if (equals) names.emplace_back(*entry, static_cast<size_t>(equals - *entry));
+  }
+  for (const std::string& name : names)
+    if (IsRequestVariable(name)) unsetenv(name.c_str());
+}
+
+int RunServer(int argc, char** argv, void (*handle)(void*), void* arg) {
+  ServerOptions options;
+  if (!ParseServerOptions(argc, argv, &options)) {
+    PrintUsage(argv[0]);
+    return 2;
+  }
+  if (options.help) {
+    PrintUsage(argv[0]);
+    return 0;
+  }
+  openlog(nullptr, LOG_PID | LOG_PERROR, LOG_DAEMON);
+  ForkServer server(options, argv, handle, arg);
+  if (const char* handover = std::getenv(kHandoverVariable)) {
+    const std::string text = handover;
+    unsetenv(kHandoverVariable);
+    return server.Resume(text.c_str()) ? server.Run() : 1;
+  }
+  RemoveRequestVariables();
+  int listenFd = ActivatedSocket();
+  if (listenFd < 0 && IsListeningSocket(STDIN_FILENO)) listenFd = STDIN_FILENO;
+  if (listenFd < 0 && !options.listen.empty()) listenFd = ListenOn(options.listen);
+  if (listenFd < 0) {
+    std::fprintf(stderr, "%s: no listening socket: give --listen, or start it with one\n", argv[0]);
+    return 1;
+  }
+  return server.Start(listenFd) ? server.Run() : 1;
+}
+
+}  // namespace
+}  // namespace merocgi::server
+
+extern "C" int MeroCgiServe(int argc, char** argv, void (*handle)(void* arg), void* arg) {
+  using namespace merocgi::server;
+  if (!handle) return 2;
+  const bool serverStart = !std::getenv("GATEWAY_INTERFACE") &&
+                           (argc > 1 || std::getenv(kHandoverVariable) || std::getenv("LISTEN_FDS") ||
+                            IsListeningSocket(STDIN_FILENO));
+  if (!serverStart) {
+    handle(arg);
+    return 0;
+  }
+  return RunServer(argc, argv, handle, arg);
+}
