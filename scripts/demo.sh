@@ -2,11 +2,17 @@
 # The main job: builds the library and its example CGI programs, lays out a
 # demo appliance under build-release/demo/ (never outside it) with a demo
 # user who logs in through PAM, and serves the example API through lighttpd on
-# http://127.0.0.1:PORT/ in the foreground until Ctrl-C.
+# http://127.0.0.1:PORT/ in the foreground until Ctrl-C. Each program runs
+# as a fork server lighttpd starts (one process per request, forked from a
+# process that has loaded everything once).
 #   DEMO_PORT  the port (default 8080)
+#   DEMO_MODE  fork (default) or cgi: lighttpd runs each request's program
+#              as a CGI program instead
 set -euo pipefail
 cd "$(dirname "$0")/.."
 port=${DEMO_PORT:-8080}
+mode=${DEMO_MODE:-fork}
+case $mode in fork | cgi) ;; *) echo "demo: DEMO_MODE is fork or cgi, not $mode" >&2; exit 2;; esac
 echo "demo: building; the admin page will be at http://127.0.0.1:$port/"
 bash scripts/deps.sh
 
@@ -19,7 +25,7 @@ cmake --preset release >/dev/null
 cmake --build --preset release --target sysinfo settings maintenance auth preferences share files \
   webapi-session webapi-share merosharingchecker
 work=$PWD/build-release/demo
-bash examples/deploy/layout.sh build-release "$work" "$port"
+bash examples/deploy/layout.sh build-release "$work" "$port" lighttpd "$mode"
 lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)  # sbin is not on every PATH
 "$lighttpd" -tt -f "$work/lighttpd.conf" >/dev/null
 
@@ -39,6 +45,7 @@ visitor=$work/visitor-cookies.txt
 cat <<TEXT
 
 Open http://127.0.0.1:$port/ in a browser (Ctrl-C here stops the server).
+The programs run as $( [ "$mode" = fork ] && echo "fork servers (DEMO_MODE=cgi: as CGI programs)" || echo "CGI programs (DEMO_MODE=fork: as fork servers)").
 Demo user: demo   password: $password   (PAM service: $work/root/etc/pam.d/webui)
 
 The API behind the page is under /api/; try it from another terminal (the

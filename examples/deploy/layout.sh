@@ -6,7 +6,11 @@
 #   WORK/cgi/     the example programs, answering at /api/<name>
 #   WORK/www/     the admin page (examples/www), served at /, and the page
 #                 that opens sharing links at /sharing/
-#   WORK/lighttpd.conf, WORK/logs/
+#   WORK/lighttpd.conf, WORK/lighttpd-api.conf, WORK/logs/
+#                 MODE cgi: lighttpd runs each program as a CGI program;
+#                 MODE fork: it starts each as a fork server, with the
+#                 options in FORK_OPTIONS (all programs) and
+#                 FORK_OPTIONS_<name> (one), sockets in WORK/sockets/
 #   WORK/nginx.conf, WORK/nginx-site.conf   with SERVER nginx: the server
 #                 block of nginx-fcgiwrap.conf with this layout's paths, in
 #                 a main configuration that keeps every file under WORK
@@ -19,7 +23,10 @@
 #   WORK/root/var/lib/webapi-demo/files/   what Demo.Share lists and links share
 #   WORK/root/usr/mero/bin/merosharingchecker  the checker sharing requests run
 #   WORK/demo-password  the demo user's password (kept across layouts)
-# usage: layout.sh BUILD_DIR WORK_DIR PORT [SERVER]   (lighttpd, nginx or apache)
+#   EXTRA_PROGRAMS  more programs to serve at /api/<file name> (paths)
+# usage: layout.sh BUILD_DIR WORK_DIR PORT [SERVER [MODE]]
+#   SERVER lighttpd (default), nginx or apache; MODE cgi (default) or fork
+#   (lighttpd only)
 set -euo pipefail
 umask 077  # the session files below log anyone in who can read them
 build=$(realpath "$1")
@@ -27,9 +34,14 @@ mkdir -p "$2"
 work=$(realpath "$2")
 port=$3
 server=${4:-lighttpd}
+mode=${5:-cgi}
+case $server:$mode in
+*:cgi | lighttpd:fork) ;;
+*) echo "layout: mode $mode is not laid out for $server" >&2; exit 1;;
+esac
 here=$(dirname "$(realpath "$0")")
 
-rm -rf "$work/root" "$work/cgi"
+rm -rf "$work/root" "$work/cgi" "$work/sockets"
 mkdir -p "$work/root/usr/mero/meroman/webapi" "$work/root/etc" "$work/root/var/lib/webapi-demo/files" \
   "$work/cgi" "$work/logs" "$work/www" "$work/tmp"
 cp "$here"/../webapi/*.api "$here"/../webapi/*.auth "$work/root/usr/mero/meroman/webapi/"
@@ -43,6 +55,9 @@ printf 'refuse_unreadable_auth="yes"\n' >"$work/root/etc/meroinfo.conf"
 for program in sysinfo settings maintenance auth preferences share files; do
   ln -s "$build/examples/$program" "$work/cgi/$program"
 done
+for program in ${EXTRA_PROGRAMS:-}; do
+  ln -s "$(realpath "$program")" "$work/cgi/$(basename "$program")"
+done
 mkdir -p "$work/root/usr/mero/bin" "$work/root/var/lib/webapi-demo/files/docs/reports"
 ln -s "$build/tools/merosharingchecker" "$work/root/usr/mero/bin/merosharingchecker"
 printf 'Welcome to the shared folder.\n' >"$work/root/var/lib/webapi-demo/files/docs/readme.txt"
@@ -54,6 +69,22 @@ cp -R "$here"/../www/. "$work/www/"
 case $work in *[\"\\\|\&]*) echo "layout: unusable characters in $work" >&2; exit 1;; esac
 sed -e "s|@PORT@|$port|g" -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" \
   -e "s|@ROOT@|$work/root|g" "$here/lighttpd.conf.in" >"$work/lighttpd.conf"
+if [ "$mode" = fork ]; then
+  mkdir -p "$work/sockets"
+  : >"$work/lighttpd-api.conf"
+  for program in "$work"/cgi/*; do
+    name=$(basename "$program")
+    options_of=FORK_OPTIONS_$name
+    options="${FORK_OPTIONS:-} ${!options_of:-}"
+    options=$(echo $options)  # one blank between words, none around
+    case $options in *[\"\\\|\&]*) echo "layout: unusable characters in $options" >&2; exit 1;; esac
+    sed -e "s|@WORK@|$work|g" -e "s|@CGI_DIR@|$work/cgi|g" -e "s|@ROOT@|$work/root|g" \
+      -e "s|@NAME@|$name|g" -e "s|@OPTIONS@|${options:+ $options}|g" -e "/^#/d" \
+      "$here/lighttpd-fork.conf.in" >>"$work/lighttpd-api.conf"
+  done
+else
+  sed -e "s|@CGI_DIR@|$work/cgi|g" "$here/lighttpd-cgi.conf.in" >"$work/lighttpd-api.conf"
+fi
 # The documented configurations themselves, pointed at this layout: its
 # port, its programs, its appliance root.
 case $server in
@@ -110,7 +141,7 @@ lighttpd) ;;
 esac
 chmod go+rx "$work" "$work/cgi" "$work/www"
 chmod -R go+rX "$work/www"
-chmod go+r "$work/lighttpd.conf"
+chmod go+r "$work/lighttpd.conf" "$work/lighttpd-api.conf"
 
 [ -s "$work/demo-password" ] || openssl rand -base64 12 | tr -d '/+=\n' >"$work/demo-password"
 printf 'demo:%s\n' "$(openssl passwd -6 -stdin <"$work/demo-password")" >"$work/root/etc/webapi-demo.passwd"

@@ -2,7 +2,9 @@
 // same script as the demo, driven with libcurl as a browser would call it.
 // E2E_SERVER picks the server and so the configuration of examples/deploy/
 // it runs: lighttpd (the default), nginx (in front of fcgiwrap) or apache
-// (mod_cgid). Where the servers differ, the cases say how.
+// (mod_cgid). Where the servers differ, the cases say how. E2E_MODE=fork
+// (lighttpd only) serves every program as a fork server lighttpd starts,
+// instead of as CGI programs.
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <grp.h>
@@ -15,10 +17,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <memory>
@@ -70,6 +74,18 @@ std::string ReadFile(const fs::path& file) {
   return content;
 }
 
+// The children of process `parent` named `name`.
+std::vector<pid_t> ChildrenOf(pid_t parent, const std::string& name) {
+  std::vector<pid_t> found;
+  std::ifstream children("/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children");
+  for (pid_t child; children >> child;) {
+    std::ifstream comm("/proc/" + std::to_string(child) + "/comm");
+    std::string command;
+    if (std::getline(comm, command) && command == name) found.push_back(child);
+  }
+  return found;
+}
+
 class ServedApiTest : public ::testing::Test {
  protected:
   static std::string Server() {
@@ -77,6 +93,10 @@ class ServedApiTest : public ::testing::Test {
     return name && *name ? name : "lighttpd";
   }
   static bool Is(const char* name) { return Server() == name; }
+  static bool Forking() {
+    const char* mode = std::getenv("E2E_MODE");
+    return mode && std::string(mode) == "fork";
+  }
 
   // What differs between the servers, each difference seen on Debian 12.
   struct Traits {
@@ -116,7 +136,7 @@ class ServedApiTest : public ::testing::Test {
       parent /= "e2e-nobody";
       ASSERT_TRUE(BecomeNobody(parent));
     }
-    std::string templ = (parent / ("e2e-" + Server() + "-XXXXXX")).string();
+    std::string templ = (parent / ("e2e-" + Server() + (Forking() ? "-fork" : "") + "-XXXXXX")).string();
     ASSERT_NE(mkdtemp(templ.data()), nullptr);
     work_ = templ;
     setenv(kServerMark, "inherited", 1);
@@ -220,7 +240,9 @@ class ServedApiTest : public ::testing::Test {
     port_ = FreePort();
     const std::string layout = "bash " + Quoted(E2E_LAYOUT_SCRIPT) + " " + Quoted(E2E_BUILD_DIR) +
                                " " + Quoted(work_.string()) + " " + std::to_string(port_) + " " +
-                               Server();
+                               Server() + (Forking() ? " fork" : " cgi");
+    setenv("EXTRA_PROGRAMS", E2E_MISBEHAVE, 1);
+    setenv("FORK_OPTIONS_misbehave", "--request-timeout 3", 1);
     ASSERT_EQ(std::system(layout.c_str()), 0) << layout;
     const std::string work = work_.string();
     std::vector<pid_t> started;
@@ -305,6 +327,16 @@ class ServedApiTest : public ::testing::Test {
   }
 
   static Answer FetchFromScript(const std::string& script);
+
+  // The fork server lighttpd started for program `name` (0 when CGI).
+  static pid_t ForkServerOf(const std::string& name) {
+    const std::vector<pid_t> found = Forking() ? ChildrenOf(servers_.back(), name) : std::vector<pid_t>();
+    return found.empty() ? 0 : found.front();
+  }
+  // The processes answering a request of program `name` now.
+  static std::vector<pid_t> RequestProcesses(const std::string& name) {
+    return ChildrenOf(Forking() ? ForkServerOf(name) : servers_.back(), name);
+  }
   static constexpr const char* kServerMark = "WEBAPI_E2E_SERVER_MARK";
 
   static std::string Error(int code) {
@@ -476,6 +508,7 @@ Answer ServedApiTest::FetchFromScript(const std::string& script) {
 }
 
 TEST_F(ServedApiTest, ProgramThatPrintsNothingIsAServerError) {
+  if (Forking()) GTEST_SKIP() << "a script is no fork server";
   const Answer silent = FetchFromScript("exit 0\n");
   EXPECT_EQ(silent.status, Expected().silentStatus) << silent.headers << silent.body;
   EXPECT_EQ(silent.body.find("success"), std::string::npos) << silent.body;
@@ -484,47 +517,135 @@ TEST_F(ServedApiTest, ProgramThatPrintsNothingIsAServerError) {
 // What the server's own environment holds (the test set kServerMark before
 // starting it) reaches the programs only through fcgiwrap.
 TEST_F(ServedApiTest, ServerEnvironmentReachesProgramsOnlyThroughFcgiwrap) {
+  if (Forking()) GTEST_SKIP() << "a script is no fork server";
   const Answer answer = FetchFromScript(std::string("printf 'Content-Type: text/plain\\r\\n\\r\\n%s\\n' \"${") +
                                         kServerMark + ":-unset}\"\n");
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.body, Is("nginx") ? "inherited\n" : "unset\n");
 }
 
-TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
+namespace {
+
+struct Fetched {
+  long status = 0;
+  std::string body;
+};
+
+// Sends every request at once; `tick` is called about every 20 ms while
+// they run, with the milliseconds since the start.
+std::vector<Fetched> FetchConcurrently(const std::vector<std::string>& urls, const std::string& cookie,
+                                       const std::function<void(long)>& tick = nullptr) {
   CURLM* multi = curl_multi_init();
-  constexpr int kRequests = 50;
-  std::vector<std::string> bodies(kRequests);
+  std::vector<Fetched> answers(urls.size());
   std::vector<CURL*> handles;
-  const std::string url = "http://127.0.0.1:" + std::to_string(port_) + "/api/" + kSysinfo;
-  const std::string cookie = "id=" + session_;
-  for (int i = 0; i < kRequests; ++i) {
+  for (size_t i = 0; i < urls.size(); ++i) {
     CURL* curl = curl_easy_init();
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_COOKIE, cookie.c_str());
+    curl_easy_setopt(curl, CURLOPT_URL, urls[i].c_str());
+    if (!cookie.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, cookie.c_str());
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Append);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &bodies[i]);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answers[i].body);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 60L);
     curl_multi_add_handle(multi, curl);
     handles.push_back(curl);
   }
+  const auto start = std::chrono::steady_clock::now();
   int running = 0;
   do {
     curl_multi_perform(multi, &running);
-    curl_multi_poll(multi, nullptr, 0, 200, nullptr);
+    curl_multi_poll(multi, nullptr, 0, 20, nullptr);
+    if (tick)
+      tick(static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - start)
+                                 .count()));
   } while (running > 0);
-  int good = 0;
-  for (int i = 0; i < kRequests; ++i) {
-    long status = 0;
-    curl_easy_getinfo(handles[i], CURLINFO_RESPONSE_CODE, &status);
-    const bool ok = status == 200 && bodies[i].rfind(R"({"data":{"hostname":)", 0) == 0 &&
-                    bodies[i].find(R"("success":true})") != std::string::npos;
-    EXPECT_TRUE(ok) << i << ": " << status << " " << bodies[i];
-    good += ok;
+  for (size_t i = 0; i < urls.size(); ++i) {
+    curl_easy_getinfo(handles[i], CURLINFO_RESPONSE_CODE, &answers[i].status);
     curl_multi_remove_handle(multi, handles[i]);
     curl_easy_cleanup(handles[i]);
   }
   curl_multi_cleanup(multi);
-  EXPECT_EQ(good, kRequests);
+  return answers;
+}
+
+}  // namespace
+
+TEST_F(ServedApiTest, FiftyConcurrentRequestsAllAnsweredCorrectly) {
+  const std::vector<std::string> urls(50, "http://127.0.0.1:" + std::to_string(port_) + "/api/" + kSysinfo);
+  int good = 0;
+  for (const Fetched& answer : FetchConcurrently(urls, "id=" + session_)) {
+    const bool ok = answer.status == 200 && answer.body.rfind(R"({"data":{"hostname":)", 0) == 0 &&
+                    answer.body.find(R"("success":true})") != std::string::npos;
+    EXPECT_TRUE(ok) << answer.status << " " << answer.body;
+    good += ok;
+  }
+  EXPECT_EQ(good, 50);
+}
+
+// The fork server's own cases, on the program that misbehaves on request
+// (at most 16 request processes, each stopped after 3 s).
+
+TEST_F(ServedApiTest, ACrashedOrHungRequestIsAnsweredAndTheServerGoesOn) {
+  if (!Forking()) GTEST_SKIP() << "a fork server's case";
+  const pid_t server = ForkServerOf("misbehave");
+  ASSERT_GT(server, 0);
+  const Answer crashed = Fetch({"misbehave?do=crash"});
+  EXPECT_EQ(crashed.status, 500) << crashed.headers << crashed.body;
+  const auto start = std::chrono::steady_clock::now();
+  const Answer hung = Fetch({"misbehave?do=hang"});
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(hung.status, 504) << hung.headers << hung.body;
+  EXPECT_GE(waited, std::chrono::milliseconds(2900));
+  EXPECT_TRUE(ChildrenOf(server, "misbehave").empty()) << "the hung process still runs";
+  const Answer next = Fetch({"misbehave?do=sleep&ms=0"});
+  EXPECT_EQ(next.status, 200);
+  EXPECT_EQ(next.body.rfind("pid ", 0), 0u) << next.body;
+  EXPECT_EQ(ForkServerOf("misbehave"), server);
+  // lighttpd gives the programs it starts its breakage log as standard error.
+  const std::string log = ReadFile(work_ / "logs/cgi-stderr.log");
+  EXPECT_NE(log.find("stopped after 3 s"), std::string::npos) << log;
+  // (Under the sanitizers the crash is reported and the process exits.)
+  EXPECT_TRUE(log.find("ended by signal 11") != std::string::npos ||
+              log.find("before finishing its answer") != std::string::npos)
+      << log;
+}
+
+TEST_F(ServedApiTest, TwoHundredConnectionsWaitForSixteenRequestProcesses) {
+  if (!Forking()) GTEST_SKIP() << "a fork server's case";
+  const pid_t server = ForkServerOf("misbehave");
+  ASSERT_GT(server, 0);
+  const std::vector<std::string> urls(
+      200, "http://127.0.0.1:" + std::to_string(port_) + "/api/misbehave?do=sleep&ms=50");
+  size_t most = 0;
+  const auto answers =
+      FetchConcurrently(urls, "", [&](long) { most = std::max(most, ChildrenOf(server, "misbehave").size()); });
+  std::set<std::string> processes;
+  for (const Fetched& answer : answers) {
+    EXPECT_EQ(answer.status, 200) << answer.body;
+    processes.insert(answer.body);
+  }
+  EXPECT_EQ(processes.size(), answers.size()) << "a process answered two requests";
+  EXPECT_LE(most, 16u);
+  EXPECT_GT(most, 1u) << "the requests never ran side by side";
+}
+
+TEST_F(ServedApiTest, RestartsUnderLoadFailNoRequest) {
+  if (!Forking()) GTEST_SKIP() << "a fork server's case";
+  const pid_t server = ForkServerOf("misbehave");
+  ASSERT_GT(server, 0);
+  const std::vector<std::string> urls(
+      120, "http://127.0.0.1:" + std::to_string(port_) + "/api/misbehave?do=sleep&ms=200");
+  int restarts = 0;
+  const auto answers = FetchConcurrently(urls, "", [&](long ms) {
+    if (restarts < 3 && ms >= 200 + 400 * restarts && kill(server, SIGHUP) == 0) ++restarts;
+  });
+  EXPECT_EQ(restarts, 3);
+  for (const Fetched& answer : answers) EXPECT_EQ(answer.status, 200) << answer.body;
+  EXPECT_EQ(ForkServerOf("misbehave"), server) << "the server was replaced, not restarted in place";
+  const std::string log = ReadFile(work_ / "logs/cgi-stderr.log");
+  size_t restarted = 0;
+  for (size_t at = log.find("restarted with"); at != std::string::npos; at = log.find("restarted with", at + 1))
+    ++restarted;
+  EXPECT_EQ(restarted, 3u) << log;
 }
 
 }  // namespace
@@ -667,17 +788,6 @@ std::string Sha256Of(const fs::path& file) {
   return hash;
 }
 
-// The CGI programs the server runs now, named `name`.
-std::vector<pid_t> ProgramsOf(pid_t server, const std::string& name) {
-  std::vector<pid_t> found;
-  std::ifstream children("/proc/" + std::to_string(server) + "/task/" + std::to_string(server) + "/children");
-  for (pid_t child; children >> child;) {
-    std::ifstream comm("/proc/" + std::to_string(child) + "/comm");
-    std::string command;
-    if (std::getline(comm, command) && command == name) found.push_back(child);
-  }
-  return found;
-}
 
 // The peak resident memory of process `pid` so far, in KiB (0 when gone).
 long PeakKib(pid_t pid) {
@@ -794,7 +904,7 @@ TEST_F(ServedApiTest, UploadOfOneGibibyteArrivesWholeInBoundedMemory) {
   long peakKib = 0;
   int status = 0;
   while (waitpid(curl, &status, WNOHANG) == 0) {
-    for (pid_t program : ProgramsOf(servers_.back(), "files")) peakKib = std::max(peakKib, PeakKib(program));
+    for (pid_t program : RequestProcesses("files")) peakKib = std::max(peakKib, PeakKib(program));
     usleep(10000);
   }
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
@@ -819,7 +929,7 @@ TEST_F(ServedApiTest, UploadCutShortLeavesNoFile) {
   // Killed once the program is receiving (about a second into 8 s).
   std::vector<pid_t> receiving;
   for (int i = 0; i < 500 && receiving.empty(); ++i) {
-    receiving = ProgramsOf(servers_.back(), "files");
+    receiving = RequestProcesses("files");
     usleep(10000);
   }
   ASSERT_FALSE(receiving.empty()) << "the upload never reached the program";
@@ -828,8 +938,8 @@ TEST_F(ServedApiTest, UploadCutShortLeavesNoFile) {
   // program's own refusal of the short body: either way nothing may stay.
   kill(curl, SIGKILL);
   waitpid(curl, nullptr, 0);
-  for (int i = 0; i < 1000 && !ProgramsOf(servers_.back(), "files").empty(); ++i) usleep(10000);
-  EXPECT_TRUE(ProgramsOf(servers_.back(), "files").empty()) << "the program did not end";
+  for (int i = 0; i < 1000 && !RequestProcesses("files").empty(); ++i) usleep(10000);
+  EXPECT_TRUE(RequestProcesses("files").empty()) << "the program did not end";
   std::vector<std::string> left;
   for (const auto& entry : fs::directory_iterator(files))
     if (!before.count(entry.path().filename())) left.push_back(entry.path().filename());

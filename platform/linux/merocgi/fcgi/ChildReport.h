@@ -15,6 +15,7 @@ enum OutputState : uint32_t {
   kWriting = 1,  // a record is on its way: the stream may end inside it
   kWritten = 2,  // whole records only
   kEnded = 3,    // the request's last record went out
+  kPeerGone = 4, // the web server closed the connection: nothing more to send
 };
 
 struct ChildReport {

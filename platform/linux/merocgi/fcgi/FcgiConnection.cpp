@@ -19,6 +19,13 @@ void FcgiConnection::Report(OutputState state) {
   if (report_) report_->output.store(state, std::memory_order_release);
 }
 
+// A web server that stopped reading (its client went away) ends the
+// answer; the handler's further output is dropped without a signal.
+void FcgiConnection::PeerGone() {
+  ended_ = true;
+  Report(kPeerGone);
+}
+
 ssize_t FcgiConnection::ReadSome(char* into, size_t size) {
   if (inStart_ == inEnd_) {
     inStart_ = inEnd_ = 0;
@@ -220,7 +227,10 @@ int FcgiConnection::WriteStdout(const char* bytes, size_t size) {
   while (size > 0) {
     const size_t step = std::min(size, kMaxContentBytes);
     Report(kWriting);
-    if (!Send(kStdout, requestId_, bytes, step)) return -1;
+    if (!Send(kStdout, requestId_, bytes, step)) {
+      PeerGone();
+      return -1;
+    }
     Report(kWritten);
     bytes += step;
     size -= step;
@@ -237,9 +247,12 @@ bool FcgiConnection::End(uint32_t appStatus) {
   EncodeEndRequest(appStatus, kRequestComplete, endBody);
   const iovec parts[] = {{closing, sizeof closing}, {endHeader, sizeof endHeader}, {endBody, sizeof endBody}};
   Report(kWriting);
-  const bool sent = SendAll(parts, 3);
-  Report(sent ? kEnded : kWriting);
-  return sent;
+  if (!SendAll(parts, 3)) {
+    PeerGone();
+    return false;
+  }
+  Report(kEnded);
+  return true;
 }
 
 bool FcgiConnection::Refuse(const char* status, const char* text) {

@@ -70,6 +70,7 @@ class FcgiConnection {
   bool Send(uint8_t type, uint16_t requestId, const char* bytes, size_t size);
   bool SendAll(const iovec* parts, int count);
   void Report(OutputState state);
+  void PeerGone();
 
   int fd_;
   ChildReport* report_;

@@ -95,7 +95,9 @@ bool ForkServer::Prepare() {
     SERVER_LOG(LOG_ERR, "cannot receive signals: %m");
     return false;
   }
-  signal(SIGPIPE, SIG_IGN);  // a web server that went away is a failed write, not an end
+  // A web server that went away is a failed write, not an end, for the
+  // server and for each request's process alike.
+  signal(SIGPIPE, SIG_IGN);
   const int flags = fcntl(listenFd_, F_GETFL);
   if (flags < 0 || fcntl(listenFd_, F_SETFL, flags | O_NONBLOCK) != 0) {
     SERVER_LOG(LOG_ERR, "cannot use the listening socket: %m");
@@ -193,7 +195,6 @@ void ForkServer::BecomeChild(int connection, int slot) {
                    static_cast<off_t>(static_cast<size_t>(slot) * PageBytes()));
   munmap(reports_, reportsBytes_);
   for (int fd : {listenFd_, reportsFd_, signalFd_}) close(fd);
-  signal(SIGPIPE, SIG_DFL);
   sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
   closelog();
   auto* report = own == MAP_FAILED ? nullptr : static_cast<fcgi::ChildReport*>(own);
@@ -211,10 +212,11 @@ void ForkServer::Conclude(const Child& child, int status) {
   else if (WIFSIGNALED(status))
     SERVER_LOG(LOG_ERR, "request process %d ended by signal %d (%s)", child.pid, WTERMSIG(status),
                strsignal(WTERMSIG(status)));
-  else if (output != fcgi::kEnded)
+  else if (output != fcgi::kEnded && output != fcgi::kPeerGone)
     SERVER_LOG(LOG_ERR, "request process %d exited with status %d before finishing its answer", child.pid,
                WEXITSTATUS(status));
-  if (output == fcgi::kEnded || output == fcgi::kWriting) return;  // done, or cut inside a record
+  // Done, gone, or cut inside a record: nothing can be added.
+  if (output == fcgi::kEnded || output == fcgi::kPeerGone || output == fcgi::kWriting) return;
   if (child.timedOut)
     fcgi::FcgiConnection::Conclude(child.connection, requestId, output == fcgi::kWritten,
                                    "504 Gateway Timeout", "The request took too long and was stopped.\n");
