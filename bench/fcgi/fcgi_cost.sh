@@ -237,9 +237,12 @@ echo "|---|---|---:|---:|---:|---:|---:|---:|"
 for name in "${names[@]}"; do
   awk -v name="$name" -v what="${what[$name]}" -v n="$rounds" \
     -v r="${rps_sum[$name]}" -v m="${p50_sum[$name]}" -v p="${p99_sum[$name]}" \
-    -v fr="${rps_sum[floor]}" -v fm="${p50_sum[floor]}" -v fp="${p99_sum[floor]}" 'BEGIN {
-      printf "| `%s` | %s | %.1f | %.2fx | %.3f | %.2fx | %.3f | %.2fx |\n",
-        name, what, r / n, r / fr, m / n, m / fm, p / n, p / fp
+    -v fr="${rps_sum[floor]}" -v fm="${p50_sum[floor]}" -v fp="${p99_sum[floor]}" '
+    # Small ratios (latency of the ceiling) keep three digits.
+    function x(v) { return sprintf(v >= 10 ? "%.0fx" : v >= 0.1 ? "%.2fx" : "%.4fx", v) }
+    BEGIN {
+      printf "| `%s` | %s | %.1f | %s | %.3f | %s | %.3f | %s |\n",
+        name, what, r / n, x(r / fr), m / n, x(m / fm), p / n, x(p / fp)
     }'
 done
 echo
