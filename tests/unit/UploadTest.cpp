@@ -286,6 +286,7 @@ TEST_F(UploadTest, RefusedRequestsStoreNothingAtAll) {
       {"path ending in .", withName("name=\"g\"; filename=\"a/.\""), MERO_ERR_REQUEST_MALFORMED},
       {"path ending in /", withName("name=\"g\"; filename=\"../\""), MERO_ERR_REQUEST_MALFORMED},
       {"NUL through filename*", withName("name=\"g\"; filename*=UTF-8''a%00b"), MERO_ERR_REQUEST_MALFORMED},
+      {"LF through filename*", withName("name=\"g\"; filename*=UTF-8''a%0Ab"), MERO_ERR_REQUEST_MALFORMED},
       {"filename* in Latin-1", withName("name=\"g\"; filename*=ISO-8859-1''a"), MERO_ERR_REQUEST_MALFORMED},
       {"name over the limit",
        withName("name=\"g\"; filename=\"" + std::string(MERO_CGI_UPLOAD_MAX_NAME_BYTES + 1, 'n') + "\""),
