@@ -135,9 +135,7 @@ TEST(CgiRequestTest, HostileCookieHeadersNeverReachTheHandlerAsCookies) {
   const Case cases[] = {
       {"plain", "id=abc123; theme=dark", {{"id", "abc123"}, {"theme", "dark"}}, ""},
       {"huge", "id=" + std::string(MERO_CGI_MAX_COOKIE_HEADER_BYTES, 'x'), {}, "refused Cookie header"},
-      {"duplicated", "id=first; id=second; id=third", {{"id", "first"}}, ""},
       {"no equals", "id; theme=light; x", {{"theme", "light"}}, "malformed pair"},
-      {"quotes", "id=\"q v\"; x=\"unterminated", {{"id", "q v"}, {"x", "\"unterminated"}}, ""},
       // Not one quoted string: kept as it came, not stripped of its outer quotes.
       {"two quoted strings", R"(id="zzz "   "ppp"; x="a"b")",
        {{"id", R"("zzz "   "ppp")"}, {"x", R"("a"b")"}}, ""},

@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "ApplianceRootEnv.h"
@@ -61,12 +59,6 @@ class JsonFileLockTest : public webapi_test::ApplianceRootTest {
     path_ = (root() / "shared.json").string();
     webapi_test::WriteRootFile("shared.json", "{\"v\":1}\n");
   }
-  std::string Contents() const {
-    std::ifstream in(path_);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
   std::string path_;
 };
 
@@ -97,7 +89,7 @@ TEST_F(JsonFileLockTest, ReadersShareButAWriterWaitsForThem) {
   const auto writeStart = Clock::now();
   EXPECT_TRUE(SaveJsonFile(next, path_.c_str()));
   EXPECT_GE(SecondsSince(writeStart), 0.3);
-  EXPECT_EQ(Contents(), "{\"v\":2}\n");
+  EXPECT_EQ(webapi_test::ReadFileText(path_), "{\"v\":2}\n");
 }
 
 // The holders outlast the 15-second limits; the two tests run side by side
@@ -120,7 +112,7 @@ TEST_F(JsonFileLockTest, WriterGivesUpAfterFifteenSecondsAndLeavesTheFile) {
   const auto start = Clock::now();
   EXPECT_FALSE(SaveJsonFile(next, path_.c_str()));
   EXPECT_NEAR(SecondsSince(start), 15.0, 1.0);
-  EXPECT_EQ(Contents(), "{\"v\":1}\n");
+  EXPECT_EQ(webapi_test::ReadFileText(path_), "{\"v\":1}\n");
 }
 
 TEST_F(JsonFileLockTest, ReadersNeverSeeATornFile) {

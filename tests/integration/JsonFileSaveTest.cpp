@@ -15,19 +15,20 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
 
 #include "ApplianceRootEnv.h"
+#include "ChildProcess.h"
 #include "webapi/WebAPIUtil.h"
 
 namespace {
 
 using MERO::WebAPIUtil::ReadJsonFile;
 using MERO::WebAPIUtil::SaveJsonFile;
+using webapi_test::InChild;
+using webapi_test::ReadFileText;
 
-constexpr int kSkipped = 77;  // the child could not set up its case
+constexpr int kSkipped = 77;  // the traced writer could not be traced
 
 Json::Value Document(const char* kind, int items) {
   Json::Value value;
@@ -36,36 +37,7 @@ Json::Value Document(const char* kind, int items) {
   return value;
 }
 
-std::string Contents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Runs `body` in a child process. Its text ("" when all held) comes back;
-// a child that exits with kSkipped skips the test.
-std::string InChild(const std::function<std::string()>& body, bool* skipped) {
-  int report[2];
-  if (pipe(report) != 0) return "no pipe";
-  const pid_t child = fork();
-  if (child == 0) {
-    close(report[0]);
-    const std::string text = body();
-    if (write(report[1], text.data(), text.size()) < 0) _exit(1);
-    _exit(text.rfind("skip:", 0) == 0 ? kSkipped : 0);
-  }
-  close(report[1]);
-  std::string text;
-  char buffer[256];
-  for (ssize_t n; (n = read(report[0], buffer, sizeof buffer)) > 0;) text.append(buffer, n);
-  close(report[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  *skipped = WIFEXITED(status) && WEXITSTATUS(status) == kSkipped;
-  if (!WIFEXITED(status)) text += " (the child did not exit)";
-  return text;
-}
+bool Skipped(const std::string& text) { return text.rfind("skip:", 0) == 0; }
 
 class JsonFileSaveTest : public webapi_test::ApplianceRootTest {
  protected:
@@ -79,8 +51,7 @@ class JsonFileSaveTest : public webapi_test::ApplianceRootTest {
 TEST_F(JsonFileSaveTest, AFileSizeLimitLeavesTheOldDocumentAndAnswersFalse) {
   Json::Value old = Document("old", 3);
   ASSERT_TRUE(SaveJsonFile(old, path_.c_str()));
-  const std::string before = Contents(path_);
-  bool skipped = false;
+  const std::string before = ReadFileText(path_);
   const std::string failure = InChild(
       [&]() -> std::string {
         signal(SIGXFSZ, SIG_IGN);  // the write then fails with EFBIG instead
@@ -89,11 +60,10 @@ TEST_F(JsonFileSaveTest, AFileSizeLimitLeavesTheOldDocumentAndAnswersFalse) {
         if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return "skip: setrlimit";
         Json::Value larger = Document("new", 200);
         return SaveJsonFile(larger, path_.c_str()) ? "the save answered true" : "";
-      },
-      &skipped);
-  if (skipped) GTEST_SKIP() << failure;
+      });
+  if (Skipped(failure)) GTEST_SKIP() << failure;
   EXPECT_EQ(failure, "");
-  EXPECT_EQ(Contents(path_), before);
+  EXPECT_EQ(ReadFileText(path_), before);
 }
 
 // A tmpfs of 64 KiB in the child's own mount namespace, filled up.
@@ -101,7 +71,6 @@ TEST_F(JsonFileSaveTest, AFullFileSystemLeavesTheOldDocumentAndAnswersFalse) {
   const std::filesystem::path mountPoint = root() / "small";
   std::filesystem::create_directory(mountPoint);
   const std::string path = (mountPoint / "saved.json").string();
-  bool skipped = false;
   const std::string failure = InChild(
       [&]() -> std::string {
         const uid_t uid = getuid();
@@ -115,7 +84,7 @@ TEST_F(JsonFileSaveTest, AFullFileSystemLeavesTheOldDocumentAndAnswersFalse) {
           return "skip: cannot mount a tmpfs";
         Json::Value old = Document("old", 3);
         if (!SaveJsonFile(old, path.c_str())) return "the first save failed";
-        const std::string before = Contents(path);
+        const std::string before = ReadFileText(path);
         {
           const std::string block(4096, 'x');
           std::ofstream filler(mountPoint / "filler", std::ios::binary);
@@ -124,16 +93,15 @@ TEST_F(JsonFileSaveTest, AFullFileSystemLeavesTheOldDocumentAndAnswersFalse) {
         Json::Value larger = Document("new", 2000);
         std::string found;
         if (SaveJsonFile(larger, path.c_str())) found += "the save to a full disk answered true; ";
-        if (Contents(path) != before) found += "the old document changed; ";
+        if (ReadFileText(path) != before) found += "the old document changed; ";
         std::filesystem::remove(mountPoint / "filler");
         Json::Value back;
         if (!SaveJsonFile(larger, path.c_str()) || !ReadJsonFile(back, path.c_str()) ||
             back != larger)
           found += "with room again the save did not take; ";
         return found;
-      },
-      &skipped);
-  if (skipped) GTEST_SKIP() << failure;
+      });
+  if (Skipped(failure)) GTEST_SKIP() << failure;
   EXPECT_EQ(failure, "");
 }
 
@@ -181,7 +149,7 @@ TEST_F(JsonFileSaveTest, AWriterKilledAtAnySystemCallLeavesOneWholeDocument) {
       EXPECT_TRUE(found == old || found == next) << found["kind"];
       if (finished) {
         EXPECT_EQ(found, next);
-        EXPECT_EQ(Contents(path_), Json::FastWriter().write(next));
+        EXPECT_EQ(ReadFileText(path_), Json::FastWriter().write(next));
         break;
       }
     }

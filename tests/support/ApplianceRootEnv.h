@@ -17,6 +17,9 @@ const std::filesystem::path& ApplianceRoot();
 // Writes `text` to `relativePath` under the root, creating directories.
 void WriteRootFile(const std::string& relativePath, const std::string& text);
 
+// The whole of the file at `path` ("" when it cannot be read).
+std::string ReadFileText(const std::filesystem::path& path);
+
 // Sets environment variable `name` to `value`, or unsets it for null.
 void SetEnvOrUnset(const char* name, const char* value);
 

@@ -80,4 +80,24 @@ ChildResult RunChild(const std::string& program, const std::map<std::string, std
   return result;
 }
 
+std::string InChild(const std::function<std::string()>& body) {
+  int pipeFds[2];
+  if (pipe(pipeFds) != 0) return "no pipe";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(pipeFds[0]);
+    const std::string text = body();
+    _exit(write(pipeFds[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+  }
+  close(pipeFds[1]);
+  std::string text;
+  char chunk[4096];
+  for (ssize_t n; (n = read(pipeFds[0], chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
+  close(pipeFds[0]);
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    text += " (the child did not finish)";
+  return text;
+}
+
 }  // namespace webapi_test

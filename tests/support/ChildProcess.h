@@ -3,6 +3,7 @@
 #ifndef WEBAPI_TESTS_CHILDPROCESS_H
 #define WEBAPI_TESTS_CHILDPROCESS_H
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -19,6 +20,11 @@ struct ChildResult {
 // `timeoutSeconds`.
 ChildResult RunChild(const std::string& program, const std::map<std::string, std::string>& env,
                      const std::string& input, int timeoutSeconds = 20);
+
+// Runs `body` in a forked child, so that ids and limits it changes stay
+// there, and returns the text it returned; a child that did not finish
+// adds " (the child did not finish)".
+std::string InChild(const std::function<std::string()>& body);
 
 }  // namespace webapi_test
 

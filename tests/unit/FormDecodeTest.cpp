@@ -82,17 +82,6 @@ TEST_F(FormDecodeTest, RefusesWholeLinesItCannotCarryAndStoresNothing) {
   EXPECT_EQ(Table(), (std::map<std::string, std::string>{{"kept", "1"}}));
 }
 
-TEST_F(FormDecodeTest, PostQueryStringIsReachableButTheBodyWins) {
-  setenv("REQUEST_METHOD", "POST", 1);
-  setenv("QUERY_STRING", "api=FromQuery&only=q", 1);
-  ASSERT_EQ(MeroCgiParseCGIParam(&state_, "api=FromBody"), 1);
-  EXPECT_STREQ(MeroCgiGetCGIParam(&state_, "api", nullptr), "FromBody");
-  EXPECT_STREQ(MeroCgiGetCGIParam(&state_, "only", nullptr), "q");
-  EXPECT_STREQ(MeroCgiGetCGIParam(&state_, "none", "def"), "def");
-  setenv("REQUEST_METHOD", "GET", 1);  // a GET's line is the query string itself
-  EXPECT_STREQ(MeroCgiGetCGIParam(&state_, "none", "def"), "def");
-}
-
 TEST_F(FormDecodeTest, CookiesFollowRfc6265AndSkipWhatCannotBeACookie) {
   using Pairs = std::map<std::string, std::string>;
   struct Case {

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "ApplianceRootEnv.h"
 #include "merocore.h"
 #include "webapi/WebAPIUtil.h"
@@ -18,12 +15,7 @@ using MERO::WebAPIUtil::SaveJsonFile;
 class JsonFileStoreTest : public webapi_test::ApplianceRootTest {
  protected:
   std::string PathOf(const char* name) const { return (root() / name).string(); }
-  std::string Contents(const char* name) const {
-    std::ifstream in(root() / name, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  std::string Contents(const char* name) const { return webapi_test::ReadFileText(root() / name); }
 };
 
 TEST_F(JsonFileStoreTest, ReadReportsEveryFailureAsFalse) {

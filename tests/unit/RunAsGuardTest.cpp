@@ -7,15 +7,14 @@
 #include <dlfcn.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <functional>
 #include <string>
 
+#include "ChildProcess.h"
 #define WEBAPI_RUN_AS_SOURCE "RunAsGuardTest.cpp"
 #include "webapi/RunAsGuard.h"
 
@@ -84,30 +83,9 @@ TEST_SEAM void __syslog_chk(int priority, int, const char* format, ...) {
 
 namespace {
 
-std::string EffectiveIds() { return std::to_string(geteuid()) + "/" + std::to_string(getegid()); }
+using webapi_test::InChild;
 
-// Runs `body` in a forked child and returns the text it produced.
-std::string InChild(const std::function<std::string()>& body) {
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return "no pipe";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(pipeFds[0]);
-    const std::string text = body();
-    const ssize_t written = write(pipeFds[1], text.data(), text.size());
-    _exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
-  }
-  close(pipeFds[1]);
-  std::string text;
-  char chunk[4096];
-  for (ssize_t n; (n = read(pipeFds[0], chunk, sizeof chunk)) > 0;)
-    text.append(chunk, static_cast<size_t>(n));
-  close(pipeFds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "child failed: " + text;
-  return text;
-}
+std::string EffectiveIds() { return std::to_string(geteuid()) + "/" + std::to_string(getegid()); }
 
 // Starts at effective ids `uid`/`gid` (real and saved stay root), then
 // reports what a guard to root does on the way in and on the way out.
