@@ -156,7 +156,11 @@ FcgiConnection::Start FcgiConnection::ReadRequest(
       return Start::kAnswered;
     }
     if (requestId_ != 0 && header.requestId == requestId_ && header.type == kParams) {
-      if (header.contentLength == 0) break;
+      if (header.contentLength == 0) {
+        // Its padding too, or the body's first header would be read from it.
+        if (!Skip(header.paddingLength)) return Start::kBroken;
+        break;
+      }
       if (params.size() + header.contentLength > kMaxParamsBytes) {
         MEROCGI_LOG("refused FastCGI request: parameters over %zu bytes", kMaxParamsBytes);
         Refuse("431 Request Header Fields Too Large", "The request's headers are too large.\n");
