@@ -125,7 +125,9 @@ bool FcgiConnection::HandleOther(const RecordHeader& header) {
     const char unknown[8] = {static_cast<char>(header.type)};
     return Send(kUnknownType, 0, unknown, sizeof unknown);
   }
-  if (header.type == kBeginRequest) {  // another request on this connection
+  // A repeated BEGIN_REQUEST of this request is ignored: answering it
+  // would end the request twice.
+  if (header.type == kBeginRequest && header.requestId != requestId_) {  // another request
     unsigned char end[8];
     EncodeEndRequest(0, kCannotMultiplex, end);
     return Send(kEndRequest, header.requestId, reinterpret_cast<const char*>(end), sizeof end);
