@@ -643,7 +643,7 @@ TEST_F(ServedApiTest, RestartsUnderLoadFailNoRequest) {
   EXPECT_EQ(ForkServerOf("misbehave"), server) << "the server was replaced, not restarted in place";
   const std::string log = ReadFile(work_ / "logs/cgi-stderr.log");
   size_t restarted = 0;
-  for (size_t at = log.find("restarted with"); at != std::string::npos; at = log.find("restarted with", at + 1))
+  for (size_t at = log.find("restarted;"); at != std::string::npos; at = log.find("restarted;", at + 1))
     ++restarted;
   EXPECT_EQ(restarted, 3u) << log;
 }

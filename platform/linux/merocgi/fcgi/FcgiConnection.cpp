@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -258,7 +260,22 @@ bool FcgiConnection::End(uint32_t appStatus) {
     return false;
   }
   Report(kEnded);
+  DrainBody();
   return true;
+}
+
+// A socket closed with bytes still unread resets the connection, and a
+// reset can make the web server lose the answer it has not read yet: the
+// rest of the body (at least the STDIN record that ends it) is read first,
+// within bounds, since the web server stops sending once it has the answer.
+void FcgiConnection::DrainBody() {
+  if (bodyEnded_) return;
+  const timeval patience{kDrainSeconds, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  char discard[16 * 1024];
+  size_t drained = 0;
+  for (ssize_t got; drained < kDrainBytes && (got = ReadBody(discard, sizeof discard)) > 0;)
+    drained += static_cast<size_t>(got);
 }
 
 bool FcgiConnection::Refuse(const char* status, const char* text) {

@@ -25,6 +25,10 @@ namespace merocgi::fcgi {
 // Most bytes of one request's parameter stream; a web server sends a few
 // KiB (the CGI variables and the request headers).
 constexpr size_t kMaxParamsBytes = 256 * 1024;
+// What is read of a body the handler left unread, after the answer, before
+// the connection is closed.
+constexpr size_t kDrainBytes = 8 * 1024 * 1024;
+constexpr int kDrainSeconds = 5;
 
 class FcgiConnection {
  public:
@@ -71,6 +75,7 @@ class FcgiConnection {
   bool SendAll(const iovec* parts, int count);
   void Report(OutputState state);
   void PeerGone();
+  void DrainBody();
 
   int fd_;
   ChildReport* report_;

@@ -40,6 +40,9 @@ void SetCloseOnExec(int fd, bool on) {
   if (flags >= 0) fcntl(fd, F_SETFD, on ? flags | FD_CLOEXEC : flags & ~FD_CLOEXEC);
 }
 
+
+}  // namespace
+
 std::string ExecutablePath() {
   char path[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
@@ -51,8 +54,6 @@ std::string ExecutablePath() {
     text.resize(text.size() - deleted.size());
   return text;
 }
-
-}  // namespace
 
 ForkServer::ForkServer(const ServerOptions& options, char** argv, void (*handle)(void*), void* arg)
     : options_(options), argv_(argv), handle_(handle), arg_(arg) {}
@@ -152,7 +153,7 @@ bool ForkServer::Resume(const char* handover) {
   }
   SetCloseOnExec(reportsFd_, true);
   if (!Prepare()) return false;
-  SERVER_LOG(LOG_NOTICE, "restarted with %zu requests under way", children_.size());
+  SERVER_LOG(LOG_NOTICE, "restarted; requests under way: %zu", children_.size());
   return true;
 }
 
@@ -260,7 +261,7 @@ void ForkServer::HandleSignals() {
     if (info.ssi_signo == SIGTERM || info.ssi_signo == SIGINT) ++stopRequests_;
   }
   if (stopRequests_ == 1 && listenFd_ >= 0) {
-    SERVER_LOG(LOG_NOTICE, "stopping once %zu requests under way end", children_.size());
+    SERVER_LOG(LOG_NOTICE, "stopping once the requests under way end: %zu", children_.size());
     close(listenFd_);
     listenFd_ = -1;
     const std::string path = UnixSocketPath(options_.listen);
@@ -273,14 +274,16 @@ void ForkServer::HandleSignals() {
 void ForkServer::Reexecute() {
   restartRequested_ = false;
   if (executable_.empty() || listenFd_ < 0) return;
-  SERVER_LOG(LOG_NOTICE, "restarting with %zu requests under way", children_.size());
+  SERVER_LOG(LOG_NOTICE, "restarting; requests under way: %zu", children_.size());
   SetCloseOnExec(listenFd_, false);
   SetCloseOnExec(reportsFd_, false);
   for (const Child& child : children_) SetCloseOnExec(child.connection, false);
   setenv(kHandoverVariable, Handover().c_str(), 1);
+  setenv("LD_BIND_NOW", "1", 1);  // as at the first start (Serve.cpp)
   execv(executable_.c_str(), argv_);
   SERVER_LOG(LOG_ERR, "cannot restart (%s): %m; serving on", executable_.c_str());
   unsetenv(kHandoverVariable);
+  unsetenv("LD_BIND_NOW");
   SetCloseOnExec(listenFd_, true);
   SetCloseOnExec(reportsFd_, true);
   for (const Child& child : children_) SetCloseOnExec(child.connection, true);

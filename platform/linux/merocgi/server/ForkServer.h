@@ -27,6 +27,10 @@ namespace merocgi::server {
 
 constexpr const char* kHandoverVariable = "MERO_FCGI_HANDOVER";
 
+// The program's file, by the name it was started from (so that an exec of
+// it keeps the process's name; a file replaced since then is the new one).
+std::string ExecutablePath();
+
 class ForkServer {
  public:
   ForkServer(const ServerOptions& options, char** argv, void (*handle)(void*), void* arg);

@@ -20,6 +20,7 @@ namespace merocgi::server {
 namespace {
 
 constexpr int kActivatedFd = 3;
+constexpr const char* kBindNowVariable = "LD_BIND_NOW";
 
 bool IsListeningSocket(int fd) {
   int listening = 0;
@@ -61,6 +62,20 @@ void RemoveRequestVariables() {
     if (IsRequestVariable(name)) unsetenv(name.c_str());
 }
 
+// Each request's process would otherwise look up, on first call, every
+// library function it uses, in every request again: the server resolves
+// them all once, by executing itself again with the dynamic linker told so
+// (the variable is then removed, so request processes and the programs
+// they run do not inherit it).
+void BindAllSymbolsNow(char** argv) {
+  if (!std::getenv(kBindNowVariable)) {
+    const std::string self = ExecutablePath();
+    setenv(kBindNowVariable, "1", 1);
+    if (!self.empty()) execv(self.c_str(), argv);
+  }
+  unsetenv(kBindNowVariable);
+}
+
 int RunServer(int argc, char** argv, void (*handle)(void*), void* arg) {
   ServerOptions options;
   if (!ParseServerOptions(argc, argv, &options)) {
@@ -71,7 +86,9 @@ int RunServer(int argc, char** argv, void (*handle)(void*), void* arg) {
     PrintUsage(argv[0]);
     return 0;
   }
-  openlog(nullptr, LOG_PID | LOG_PERROR, LOG_DAEMON);
+  BindAllSymbolsNow(argv);
+  // Under systemd standard error is the journal already.
+  openlog(nullptr, LOG_PID | (std::getenv("JOURNAL_STREAM") ? 0 : LOG_PERROR), LOG_DAEMON);
   ForkServer server(options, argv, handle, arg);
   if (const char* handover = std::getenv(kHandoverVariable)) {
     const std::string text = handover;
@@ -80,6 +97,9 @@ int RunServer(int argc, char** argv, void (*handle)(void*), void* arg) {
   }
   RemoveRequestVariables();
   int listenFd = ActivatedSocket();
+  // Whatever else the starter left open would reach every request.
+  if (listenFd == kActivatedFd) close_range(kActivatedFd + 1, ~0U, 0);
+  else close_range(kActivatedFd, ~0U, 0);
   if (listenFd < 0 && IsListeningSocket(STDIN_FILENO)) listenFd = STDIN_FILENO;
   if (listenFd < 0 && !options.listen.empty()) listenFd = ListenOn(options.listen);
   if (listenFd < 0) {
