@@ -17,12 +17,22 @@
  * --request-timeout SECONDS (default 300), --help.
  *
  * In server mode every request runs in a child forked for it, with the
- * request's FastCGI parameters set in its environment (over the server's
- * own, from which every CGI request variable was removed at start), the
+ * request's CGI variables from its FastCGI parameters set in its
+ * environment (over the server's own, from which every CGI request variable
+ * was removed at start; any other parameter, such as MERO_APPLIANCE_ROOT or
+ * a loader variable, is dropped: whoever reaches the socket sends them, so
+ * the operator's settings come from the server's environment only), the
  * connection as its request I/O (mero_request_io.h), and `handle` called
  * exactly as in a CGI process; the child then exits. The server itself
  * opens nothing a request uses and reads no request data. Log lines go to
  * syslog and standard error.
+ *
+ * The socket must be reachable by the web server only (a unix socket's
+ * mode and directory; a loopback TCP port trusts every local user). Each
+ * connection carries one request. The response reaches the web server
+ * through `stdout`: std::cout and writes to descriptor 1 do not. A peer
+ * has 30 s to send a request's parameters; the body may take the whole
+ * request time limit.
  *
  * Answers the process's exit status: 0 after a CGI request or a clean stop,
  * 1 when the server could not start, 2 for a bad command line. */

@@ -4,11 +4,16 @@
 // Records are made and read here by hand.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include <string>
 #include <thread>
 
+#include "fcgi/FcgiChild.h"
 #include "fcgi/FcgiConnection.h"
 
 namespace {
@@ -154,6 +159,34 @@ TEST(FcgiConnection, ConcludesARequestItsChildLeft) {
                                })),
               c.summary);
   }
+}
+
+// Whoever reaches the socket may send any parameter; only a request's own
+// variables reach the handler's environment, never the operator's.
+TEST(FcgiConnection, OnlyRequestVariablesReachTheHandler) {
+  std::string params;
+  for (const auto& [name, value] :
+       {std::pair<std::string, std::string>{"HTTP_HOST", "h"}, {"QUERY_STRING", "q"},
+        {"MERO_APPLIANCE_ROOT", "/elsewhere"}, {"LD_PRELOAD", "/x.so"}})
+    params += char(name.size()) + std::string(1, char(value.size())) + name + value;
+  const std::string out = Exchange(kBegin + Rec(4, 1, params) + Rec(4, 1, "") + Rec(5, 1, ""), [](int fd) {
+    const pid_t child = fork();  // the handler's environment and stdout are a process's
+    if (child == 0) {
+      setenv("MERO_APPLIANCE_ROOT", "/operator", 1);
+      merocgi::fcgi::ServeConnection(
+          fd, nullptr, 1,
+          [](void*) {
+            for (const char* name : {"HTTP_HOST", "QUERY_STRING", "MERO_APPLIANCE_ROOT", "LD_PRELOAD"})
+              std::printf("%s|", std::getenv(name) ? std::getenv(name) : "-");
+          },
+          nullptr);
+      _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+  });
+  std::string written;
+  Summary(out, &written);
+  EXPECT_EQ(written, "h|q|/operator|-|");
 }
 
 }  // namespace

@@ -103,9 +103,19 @@ extern "C" int MLIBCExecl(const char* path, int /*options*/, const char* arg0, .
                                          fd == STDIN_FILENO ? O_RDONLY : O_WRONLY, 0) != 0)
       return MERO_EXECL_NOT_RUN;
   }
+  // The program starts with SIGPIPE at its default, whatever the caller
+  // (a fork server ignores it) chose for itself.
+  posix_spawnattr_t attributes;
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  if (posix_spawnattr_init(&attributes) != 0) return MERO_EXECL_NOT_RUN;
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   const int64_t deadline = NowMillis() + int64_t(MERO_EXECL_TIMEOUT_SECONDS) * 1000;
   pid_t child = 0;
-  const int spawned = posix_spawn(&child, path, actions.Get(), nullptr, argv, environ);
+  const int spawned = posix_spawn(&child, path, actions.Get(), &attributes, argv, environ);
+  posix_spawnattr_destroy(&attributes);
   if (spawned != 0) {
     errno = spawned;
     MERO_ERR_SET(MERO_ERR_IO);

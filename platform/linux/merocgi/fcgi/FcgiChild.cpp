@@ -1,11 +1,14 @@
 #include "FcgiChild.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "../CgiLog.h"
 #include "FcgiConnection.h"
+#include "RequestVariables.h"
 #include "mero_request_io.h"
 
 namespace merocgi::fcgi {
@@ -13,6 +16,7 @@ namespace merocgi::fcgi {
 namespace {
 
 FcgiConnection* current = nullptr;  // the request a handler's exit() must still end
+pid_t currentOwner = 0;             // in this process, not in one the handler forked
 
 ssize_t ReadBodyThrough(void* connection, char* into, size_t size) {
   return static_cast<FcgiConnection*>(connection)->ReadBody(into, size);
@@ -23,16 +27,16 @@ int WriteThrough(void* connection, const char* bytes, size_t size) {
 }
 
 void EndAtExit() {
-  if (!current) return;
+  if (!current || getpid() != currentOwner) return;
   std::fflush(stdout);
   current->End(0);
   current = nullptr;
 }
 
-// What setenv can hold as it was sent; anything else would reach the
-// program changed, so it does not reach it at all.
+// A request variable that setenv can hold as it was sent; anything else
+// would reach the program changed, or is the operator's to set.
 bool FitsEnvironment(std::string_view name, std::string_view value) {
-  return !name.empty() && name.find_first_of(std::string_view("=\0", 2)) == std::string_view::npos &&
+  return IsRequestVariable(name) && name.find('=') == std::string_view::npos &&
          value.find('\0') == std::string_view::npos;
 }
 
@@ -41,10 +45,9 @@ bool FitsEnvironment(std::string_view name, std::string_view value) {
 void ServeConnection(int fd, ChildReport* report, int maxConnections, void (*handle)(void*), void* arg) {
   FcgiConnection connection(fd, report, maxConnections);
   const auto start = connection.ReadRequest([](std::string_view name, std::string_view value) {
-    if (!FitsEnvironment(name, value)) {
-      MEROCGI_LOG("dropped FastCGI parameter: its name or value cannot be an environment variable");
-      return;
-    }
+    // Web servers send more than a request's variables (their own
+    // settings, for one): dropped without a log line on every request.
+    if (!FitsEnvironment(name, value)) return;
     setenv(std::string(name).c_str(), std::string(value).c_str(), 1);
   });
   if (start != FcgiConnection::Start::kReady) return;
@@ -55,6 +58,7 @@ void ServeConnection(int fd, ChildReport* report, int maxConnections, void (*han
     return;
   }
   current = &connection;
+  currentOwner = getpid();
   std::atexit(EndAtExit);
   try {
     handle(arg);

@@ -15,10 +15,12 @@
 namespace merocgi::fcgi {
 
 FcgiConnection::FcgiConnection(int fd, ChildReport* report, int maxConnections)
-    : fd_(fd), report_(report), maxConnections_(maxConnections) {}
+    : fd_(fd), report_(report), maxConnections_(maxConnections), owner_(getpid()) {}
 
+// Only the request's own process reports: a process its handler forked
+// shares the page, which the server hands to another request later.
 void FcgiConnection::Report(OutputState state) {
-  if (report_) report_->output.store(state, std::memory_order_release);
+  if (report_ && getpid() == owner_) report_->output.store(state, std::memory_order_release);
 }
 
 // A web server that stopped reading (its client went away) ends the
@@ -112,6 +114,7 @@ bool FcgiConnection::Send(uint8_t type, uint16_t requestId, const char* bytes, s
 bool FcgiConnection::HandleOther(const RecordHeader& header) {
   std::string content;
   if (!ReadContent(header, &content)) return false;
+  if (ended_) return true;  // after the END_REQUEST the connection only listens
   if (header.requestId == 0 && header.type == kGetValues) {
     std::string answer;
     const std::string limit = std::to_string(maxConnections_);
@@ -138,6 +141,19 @@ bool FcgiConnection::HandleOther(const RecordHeader& header) {
 }
 
 FcgiConnection::Start FcgiConnection::ReadRequest(
+    const std::function<void(std::string_view, std::string_view)>& param) {
+  // A peer that sends half a request and waits must not hold a request
+  // process for the whole request time limit; the body may then take its
+  // time (an upload from a slow client).
+  const timeval patience{kRequestHeadSeconds, 0};
+  const timeval forever{0, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  const Start start = ReadRequestHead(param);
+  setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof forever);
+  return start;
+}
+
+FcgiConnection::Start FcgiConnection::ReadRequestHead(
     const std::function<void(std::string_view, std::string_view)>& param) {
   std::string params;
   for (;;) {
@@ -291,6 +307,7 @@ bool FcgiConnection::Conclude(int fd, uint16_t requestId, bool somethingWritten,
   if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return false;
   FcgiConnection connection(fd, nullptr, 0);
   connection.requestId_ = requestId;
+  connection.bodyEnded_ = true;  // the server reads nothing of a request, not even to drain it
   return somethingWritten ? connection.End(1) : connection.Refuse(status, text);
 }
 

@@ -29,6 +29,8 @@ constexpr size_t kMaxParamsBytes = 256 * 1024;
 // the connection is closed.
 constexpr size_t kDrainBytes = 8 * 1024 * 1024;
 constexpr int kDrainSeconds = 5;
+// How long the request's parameters may take to arrive.
+constexpr int kRequestHeadSeconds = 30;
 
 class FcgiConnection {
  public:
@@ -64,6 +66,7 @@ class FcgiConnection {
                        const char* text);
 
  private:
+  Start ReadRequestHead(const std::function<void(std::string_view, std::string_view)>& param);
   bool ReadExact(void* into, size_t size);
   ssize_t ReadSome(char* into, size_t size);
   bool Skip(size_t size);
@@ -80,6 +83,7 @@ class FcgiConnection {
   int fd_;
   ChildReport* report_;
   int maxConnections_;
+  pid_t owner_;
   uint16_t requestId_ = 0;
   size_t stdinLeft_ = 0;  // of the current STDIN record's content
   size_t stdinPadding_ = 0;

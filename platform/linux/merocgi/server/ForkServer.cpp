@@ -6,12 +6,14 @@
 #include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +42,40 @@ void SetCloseOnExec(int fd, bool on) {
   if (flags >= 0) fcntl(fd, F_SETFD, on ? flags | FD_CLOEXEC : flags & ~FD_CLOEXEC);
 }
 
+
+// One decimal number in [low, high] at *at, which then points past it.
+bool ReadNumber(const char** at, long long low, long long high, long long* value) {
+  if (!std::isdigit(static_cast<unsigned char>(**at))) return false;
+  char* end = nullptr;
+  errno = 0;
+  *value = std::strtoll(*at, &end, 10);
+  *at = end;
+  return errno == 0 && *value >= low && *value <= high;
+}
+
+bool Expect(const char** at, char separator) { return **at == separator && (++*at, true); }
+
+bool IsSocket(int fd) {
+  struct stat file {};
+  return fstat(fd, &file) == 0 && S_ISSOCK(file.st_mode);
+}
+
+bool IsListeningSocket(int fd) {
+  int listening = 0;
+  socklen_t length = sizeof listening;
+  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
+}
+
+bool IsMemoryFile(int fd) {
+  struct stat file {};
+  return fstat(fd, &file) == 0 && S_ISREG(file.st_mode);
+}
+
+// A child of this process that has not been reaped (it may have ended).
+bool IsOwnChild(pid_t pid) {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
 
 }  // namespace
 
@@ -71,13 +107,17 @@ fcgi::ChildReport* ForkServer::Report(int slot) const {
 
 bool ForkServer::Prepare() {
   executable_ = ExecutablePath();
-  reportsBytes_ = static_cast<size_t>(options_.maxChildren) * PageBytes();
-  if (reportsFd_ < 0) {
-    reportsFd_ = memfd_create("fcgi-child-reports", MFD_CLOEXEC);
-    if (reportsFd_ < 0 || ftruncate(reportsFd_, static_cast<off_t>(reportsBytes_)) != 0) {
-      SERVER_LOG(LOG_ERR, "cannot make the children's report memory: %m");
-      return false;
-    }
+  slots_ = std::max(slots_, options_.maxChildren);
+  reportsBytes_ = static_cast<size_t>(slots_) * PageBytes();
+  if (reportsFd_ < 0) reportsFd_ = memfd_create("fcgi-child-reports", MFD_CLOEXEC);
+  // A restart with more children than before grows the memory; the slots
+  // of the children handed over keep their place.
+  struct stat memory {};
+  if (reportsFd_ < 0 || fstat(reportsFd_, &memory) != 0 ||
+      (static_cast<size_t>(memory.st_size) < reportsBytes_ &&
+       ftruncate(reportsFd_, static_cast<off_t>(reportsBytes_)) != 0)) {
+    SERVER_LOG(LOG_ERR, "cannot make the children's report memory: %m");
+    return false;
   }
   void* mapped = mmap(nullptr, reportsBytes_, PROT_READ | PROT_WRITE, MAP_SHARED, reportsFd_, 0);
   if (mapped == MAP_FAILED) {
@@ -119,7 +159,7 @@ bool ForkServer::Start(int listenFd) {
 // "LISTEN,REPORTS,SLOTS" then ";PID,CONNECTION,DEADLINE,SLOT,TIMEDOUT" per child.
 std::string ForkServer::Handover() const {
   std::string text = std::to_string(listenFd_) + "," + std::to_string(reportsFd_) + "," +
-                     std::to_string(options_.maxChildren);
+                     std::to_string(slots_);
   for (const Child& child : children_)
     text += ";" + std::to_string(child.pid) + "," + std::to_string(child.connection) + "," +
             std::to_string(child.deadlineMs) + "," + std::to_string(child.slot) + "," +
@@ -128,29 +168,40 @@ std::string ForkServer::Handover() const {
 }
 
 bool ForkServer::Resume(const char* handover) {
-  int slots = 0;
-  int consumed = 0;
-  if (std::sscanf(handover, "%d,%d,%d%n", &listenFd_, &reportsFd_, &slots, &consumed) != 3 ||
-      slots != options_.maxChildren) {
+  // Whatever the variable says is checked against what this process holds:
+  // only its own children are taken over, only sockets are served.
+  const char* at = handover;
+  long long listenFd = 0, reportsFd = 0, slots = 0;
+  bool valid = ReadNumber(&at, 0, INT_MAX, &listenFd) && Expect(&at, ',') &&
+               ReadNumber(&at, 0, INT_MAX, &reportsFd) && Expect(&at, ',') &&
+               ReadNumber(&at, 1, kMaxMaxChildren, &slots) &&
+               IsListeningSocket(static_cast<int>(listenFd)) && IsMemoryFile(static_cast<int>(reportsFd));
+  std::vector<bool> slotTaken(valid ? static_cast<size_t>(slots) : 0);
+  while (valid && *at == ';') {
+    ++at;
+    long long pid = 0, connection = 0, deadline = 0, slot = 0, timedOut = 0;
+    valid = ReadNumber(&at, 2, INT_MAX, &pid) && Expect(&at, ',') &&
+            ReadNumber(&at, 0, INT_MAX, &connection) && Expect(&at, ',') &&
+            ReadNumber(&at, 0, LLONG_MAX, &deadline) && Expect(&at, ',') &&
+            ReadNumber(&at, 0, slots - 1, &slot) && Expect(&at, ',') && ReadNumber(&at, 0, 1, &timedOut) &&
+            !slotTaken[static_cast<size_t>(slot)] && IsOwnChild(static_cast<pid_t>(pid)) &&
+            IsSocket(static_cast<int>(connection)) && connection != listenFd && connection != reportsFd &&
+            std::none_of(children_.begin(), children_.end(),
+                         [&](const Child& other) { return other.connection == connection; });
+    if (!valid) break;
+    slotTaken[static_cast<size_t>(slot)] = true;
+    children_.push_back({static_cast<pid_t>(pid), static_cast<int>(connection), deadline, static_cast<int>(slot),
+                         timedOut != 0});
+  }
+  if (!valid || *at != '\0') {
     SERVER_LOG(LOG_ERR, "cannot take over: %s is not this server's", kHandoverVariable);
+    children_.clear();
     return false;
   }
-  for (const char* at = handover + consumed; *at == ';';) {
-    Child child{};
-    long long deadline = 0;
-    int timedOut = 0;
-    if (std::sscanf(at, ";%d,%d,%lld,%d,%d%n", &child.pid, &child.connection, &deadline, &child.slot,
-                    &timedOut, &consumed) != 5 ||
-        child.slot < 0 || child.slot >= slots) {
-      SERVER_LOG(LOG_ERR, "cannot take over: %s is not this server's", kHandoverVariable);
-      return false;
-    }
-    child.deadlineMs = deadline;
-    child.timedOut = timedOut != 0;
-    SetCloseOnExec(child.connection, true);
-    children_.push_back(child);
-    at += consumed;
-  }
+  listenFd_ = static_cast<int>(listenFd);
+  reportsFd_ = static_cast<int>(reportsFd);
+  slots_ = std::max(static_cast<int>(slots), options_.maxChildren);
+  for (const Child& child : children_) SetCloseOnExec(child.connection, true);
   SetCloseOnExec(reportsFd_, true);
   if (!Prepare()) return false;
   SERVER_LOG(LOG_NOTICE, "restarted; requests under way: %zu", children_.size());
@@ -196,6 +247,9 @@ void ForkServer::BecomeChild(int connection, int slot) {
                    static_cast<off_t>(static_cast<size_t>(slot) * PageBytes()));
   munmap(reports_, reportsBytes_);
   for (int fd : {listenFd_, reportsFd_, signalFd_}) close(fd);
+  // Standard input stays a descriptor nothing reads, not the next file the
+  // handler opens.
+  if (listenFd_ == STDIN_FILENO) open("/dev/null", O_RDONLY);
   sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
   closelog();
   auto* report = own == MAP_FAILED ? nullptr : static_cast<fcgi::ChildReport*>(own);

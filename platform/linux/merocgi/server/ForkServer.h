@@ -76,6 +76,7 @@ class ForkServer {
   int reportsFd_ = -1;  // a memfd of one page per slot
   char* reports_ = nullptr;
   size_t reportsBytes_ = 0;
+  int slots_ = 0;  // report pages: the most children now or before a restart
   int signalFd_ = -1;
   sigset_t handled_{};
   sigset_t originalMask_{};

@@ -1,5 +1,6 @@
 // Choosing the mode: a CGI request must cost no more than a getenv, so the
 // server's pieces are only touched once it is clear there is no request.
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../fcgi/RequestVariables.h"
 #include "ForkServer.h"
 #include "ServerOptions.h"
 #include "merocgi_server.h"
@@ -38,20 +40,6 @@ int ActivatedSocket() {
 
 // The server's own environment is every child's starting point: no
 // variable of a request may be there before the request's own are set.
-bool IsRequestVariable(const std::string& name) {
-  static const char* const kNames[] = {
-      "AUTH_TYPE",      "CONTENT_LENGTH",  "CONTENT_TYPE",    "DOCUMENT_ROOT",   "DOCUMENT_URI",
-      "GATEWAY_INTERFACE", "HTTPS",        "PATH_INFO",       "PATH_TRANSLATED", "QUERY_STRING",
-      "REDIRECT_STATUS", "REMOTE_ADDR",    "REMOTE_HOST",     "REMOTE_IDENT",    "REMOTE_PORT",
-      "REMOTE_USER",    "REQUEST_METHOD",  "REQUEST_SCHEME",  "REQUEST_URI",     "REWRITE_APP",
-      "SCRIPT_FILENAME", "SCRIPT_NAME",    "SERVER_ADDR",     "SERVER_NAME",     "SERVER_PORT",
-      "SERVER_PROTOCOL", "SERVER_SOFTWARE"};
-  if (name.rfind("HTTP_", 0) == 0) return true;
-  for (const char* known : kNames)
-    if (name == known) return true;
-  return false;
-}
-
 void RemoveRequestVariables() {
   std::vector<std::string> names;
   for (char** entry = environ; entry && *entry; ++entry) {
@@ -59,7 +47,7 @@ void RemoveRequestVariables() {
     if (equals) names.emplace_back(*entry, static_cast<size_t>(equals - *entry));
   }
   for (const std::string& name : names)
-    if (IsRequestVariable(name)) unsetenv(name.c_str());
+    if (fcgi::IsRequestVariable(name)) unsetenv(name.c_str());
 }
 
 // Each request's process would otherwise look up, on first call, every
@@ -87,6 +75,13 @@ int RunServer(int argc, char** argv, void (*handle)(void*), void* arg) {
     return 0;
   }
   BindAllSymbolsNow(argv);
+  // Each request holds a descriptor in the server: as many as the hard
+  // limit allows, before the bound on children meets the soft one.
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
   // Under systemd standard error is the journal already.
   openlog(nullptr, LOG_PID | (std::getenv("JOURNAL_STREAM") ? 0 : LOG_PERROR), LOG_DAEMON);
   ForkServer server(options, argv, handle, arg);
