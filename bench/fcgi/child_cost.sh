@@ -16,6 +16,8 @@
 # with nothing of the caller's environment but the root (the request's
 # variables are its own); RAW=FILE keeps every run's time there.
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/../common.sh"
 
 usage() { echo "usage: $0 BUILD_DIR [ROUNDS]" >&2; exit 2; }
 [ $# -ge 1 ] || usage
@@ -26,19 +28,11 @@ rounds=${2:-1000}
 child_cost=$build/bench/fcgi/child_cost
 floor=$build/bench/spawn/floor_cgi
 session_tool=$build/tools/webapi-session
-for tool in "$child_cost" "$floor" "$session_tool"; do
-  [ -x "$tool" ] || { echo "not built: $tool" >&2; exit 2; }
-done
+require_built "$child_cost" "$floor" "$session_tool"
 
 root=$(mktemp -d "$build/child-cost.XXXXXX")
 trap 'rm -rf "$root"' EXIT
-webapi_dir=$root/usr/mero/meroman/webapi
-mkdir -p "$webapi_dir"
-printf '%s' '{"Bench.Item": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["get"]}}}' \
-  >"$webapi_dir/bench.api"
-printf '%s' '{"timeout": 30, "ip_checking": true}' >"$webapi_dir/bench.auth"
-session=$("$session_tool" --root "$root" create --user alice --client 127.0.0.1 --registry bench)
-[ -n "$session" ] || { echo "no session created" >&2; exit 1; }
+session=$(bench_root_and_session "$session_tool" "$root")
 
 raw_args=()
 [ -n "${RAW:-}" ] && raw_args=(-o "$RAW")

@@ -38,6 +38,8 @@
 # happens. wrk is installed from Debian when missing (through sudo when
 # not root).
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/../common.sh"
 
 usage() { echo "usage: $0 BUILD_DIR [SECONDS]" >&2; exit 2; }
 [ $# -ge 1 ] || usage
@@ -54,19 +56,9 @@ static=$build/bench/fcgi/floor_cgi_static
 program=$build/bench/spawn/bench_api
 ceiling=$build/bench/fcgi/fcgi_ceiling
 session_tool=$build/tools/webapi-session
-for tool in "$floor" "$static" "$program" "$ceiling" "$session_tool"; do
-  [ -x "$tool" ] || { echo "not built: $tool" >&2; exit 2; }
-done
+require_built "$floor" "$static" "$program" "$ceiling" "$session_tool"
 lighttpd=$(command -v lighttpd || echo /usr/sbin/lighttpd)
 [ -x "$lighttpd" ] || { echo "lighttpd is not installed" >&2; exit 2; }
-if ! command -v wrk >/dev/null; then
-  sudo=
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  echo "installing wrk" >&2
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends wrk >/dev/null ||
-    { $sudo apt-get update -qq && DEBIAN_FRONTEND=noninteractive \
-        $sudo apt-get install -y -qq --no-install-recommends wrk >/dev/null; }
-fi
 
 names=(floor static cgi fork ceiling)
 [ "${SKIP_FORK:-0}" = 1 ] && names=(floor static cgi ceiling)
@@ -88,12 +80,9 @@ trap stop_server EXIT
 trap 'exit 130' INT TERM
 
 root=$work/root
-webapi_dir=$root/usr/mero/meroman/webapi
-mkdir -p "$webapi_dir" "$work/cgi" "$work/www"
-printf '%s' '{"Bench.Item": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["get"]}}}' \
-  >"$webapi_dir/bench.api"
-printf '%s' '{"timeout": 30, "ip_checking": true}' >"$webapi_dir/bench.auth"
-session=$("$session_tool" --root "$root" create --user alice --client 127.0.0.1 --registry bench)
+mkdir -p "$work/cgi" "$work/www"
+session=$(bench_root_and_session "$session_tool" "$root")
+prepare_wrk "$work/check.lua"
 ln -s "$floor" "$work/cgi/floor"
 ln -s "$static" "$work/cgi/static"
 ln -s "$program" "$work/cgi/api"
@@ -178,21 +167,6 @@ for name in "${names[@]}"; do
     exit 1
   fi
 done
-
-# Counts answers that are not a success, over all of wrk's threads.
-cat >"$work/check.lua" <<'LUA'
-local threads = {}
-function setup(thread) table.insert(threads, thread) end
-function init(args) bad = 0 end
-function response(status, headers, body)
-  if status ~= 200 or not string.find(body, '"success":true}', 1, true) then bad = bad + 1 end
-end
-function done(summary, latency, requests)
-  local total = 0
-  for _, thread in ipairs(threads) do total = total + thread:get("bad") end
-  io.write(string.format("bad answers: %d\n", total))
-end
-LUA
 
 # wrk prints a latency as a number and a unit (us, ms, s, m, h): in ms.
 percentile() { # PERCENT WRK-OUTPUT

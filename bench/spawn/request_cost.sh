@@ -29,6 +29,8 @@
 # The floor then prints the first program's whole answer (FLOOR_ANSWER), so
 # the byte comparison still holds.
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/../common.sh"
 
 usage() { echo "usage: $0 BUILD_DIR [RUNS] [PROGRAM...]" >&2; exit 2; }
 [ $# -ge 1 ] || usage
@@ -43,22 +45,15 @@ programs=("$@")
 spawn_bench=$build/bench/spawn/spawn_bench
 floor=$build/bench/spawn/floor_cgi
 session_tool=$build/tools/webapi-session
-for tool in "$spawn_bench" "$floor" "$session_tool" "${programs[@]}"; do
-  [ -x "$tool" ] || { echo "not built: $tool" >&2; exit 2; }
-done
+require_built "$spawn_bench" "$floor" "$session_tool" "${programs[@]}"
 
 root=$(mktemp -d "$build/request-cost.XXXXXX")
 trap 'rm -rf "$root"' EXIT
-webapi_dir=$root/usr/mero/meroman/webapi
-mkdir -p "$webapi_dir"
-printf '%s' '{"Bench.Item": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["get"]}}}' \
-  >"$webapi_dir/bench.api"
-printf '%s' '{"timeout": 30, "ip_checking": true}' >"$webapi_dir/bench.auth"
-if [ -n "${CGI_FILES:-}" ]; then cp -R "$CGI_FILES"/. "$webapi_dir"/; fi
-
-registry=${CGI_REGISTRY:-bench}
-session=$("$session_tool" --root "$root" create --user alice --client 127.0.0.1 --registry "$registry")
-[ -n "$session" ] || { echo "no session created" >&2; exit 1; }
+if [ -n "${CGI_FILES:-}" ]; then
+  mkdir -p "$root/usr/mero/meroman/webapi"
+  cp -R "$CGI_FILES"/. "$root/usr/mero/meroman/webapi"/
+fi
+session=$(bench_root_and_session "$session_tool" "$root" "${CGI_REGISTRY:-bench}")
 
 query=${CGI_QUERY:-api=Bench.Item&method=get&version=1}
 if [ -n "${SHARE_LINK_ARGS:-}" ]; then

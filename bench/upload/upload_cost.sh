@@ -35,6 +35,8 @@
 # GNU cat (9.x) copies file to file with copy_file_range, in the kernel;
 # the receiver must see the bytes, so it reads them into its buffer.
 set -euo pipefail
+# shellcheck source=bench/common.sh
+. "$(dirname "$0")/../common.sh"
 
 usage() { echo "usage: $0 BUILD_DIR [ROUNDS] [SIZE...]" >&2; exit 2; }
 [ $# -ge 1 ] || usage
@@ -48,9 +50,7 @@ sizes=("$@")
 
 measure=$build/bench/upload/measure_run
 receiver=$build/bench/upload/bench_upload
-for tool in "$measure" "$receiver"; do
-  [ -x "$tool" ] || { echo "not built: $tool" >&2; exit 2; }
-done
+require_built "$measure" "$receiver"
 
 bytes_of() {
   local number=${1%[KMG]} unit=${1##*[0-9]}
