@@ -9,12 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "../common/AdminTool.h"
 #include "merocgi.h"
 #include "merocore.h"
 
 namespace {
 
-enum ExitCode { kOk = 0, kStoreFailed = 1, kUsage = 2, kNoMatch = 3 };
+using namespace admin_tool;
 
 constexpr const char kUsageText[] =
     "usage: webapi-session [--root DIR] COMMAND [OPTIONS]\n"
@@ -41,11 +42,7 @@ constexpr const char kUsageText[] =
     "Exit status: 0 done, 1 the store failed (see syslog), 2 usage error,\n"
     "3 revoke matched no session.\n";
 
-int Usage(const char* problem) {
-  if (problem) std::fprintf(stderr, "webapi-session: %s\n", problem);
-  std::fputs(kUsageText, stderr);
-  return kUsage;
-}
+const admin_tool::UsagePrinter Usage{"webapi-session", kUsageText};
 
 struct Options {
   std::string user, client, registry = "zel", ref;
@@ -54,15 +51,6 @@ struct Options {
   int idleMinutes = 0;
   bool endOthers = false, idFromStdin = false;
 };
-
-bool ParseNumber(const char* text, long long max, long long* out) {
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text, &end, 10);
-  if (errno || end == text || *end || value < 0 || value > max) return false;
-  *out = value;
-  return true;
-}
 
 // Reads the options after the command; "" on success, else the problem.
 std::string ParseOptions(int argc, char** argv, int first, Options* options) {
@@ -98,15 +86,6 @@ std::string ParseOptions(int argc, char** argv, int first, Options* options) {
     }
   }
   return "";
-}
-
-std::string FormatTime(long long seconds) {
-  const time_t when = static_cast<time_t>(seconds);
-  struct tm utc;
-  char text[32];
-  if (!gmtime_r(&when, &utc) || !std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc))
-    return std::to_string(seconds);
-  return text;
 }
 
 int Create(const Options& options) {
@@ -149,12 +128,7 @@ int Revoke(const Options& options) {
   const int ways = !options.ref.empty() + !options.user.empty() + options.idFromStdin;
   if (ways != 1) return Usage("revoke needs exactly one of --ref, --user, --id-stdin");
   std::string id;
-  if (options.idFromStdin) {
-    char line[256];
-    if (!std::fgets(line, sizeof line, stdin)) return Usage("no identifier on stdin");
-    id = line;
-    while (!id.empty() && (id.back() == '\n' || id.back() == '\r')) id.pop_back();
-  }
+  if (options.idFromStdin && !ReadStdinLine(254, &id)) return Usage("no identifier on stdin");
   const int removed = MeroCgiSessionRevoke(options.idFromStdin ? id.c_str() : nullptr,
                                            options.ref.empty() ? nullptr : options.ref.c_str(),
                                            options.user.empty() ? nullptr : options.user.c_str());
@@ -181,18 +155,9 @@ int Purge(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int next = 1;
-  if (next + 1 < argc && std::strcmp(argv[next], "--root") == 0) {
-    if (argv[next + 1][0] != '/') return Usage("--root takes an absolute path");
-    setenv("MERO_APPLIANCE_ROOT", argv[next + 1], 1);
-    next += 2;
-  }
-  if (next >= argc) return Usage(nullptr);
+  int next = 0, exitCode = kOk;
+  if (!admin_tool::FindCommand(argc, argv, Usage, &next, &exitCode)) return exitCode;
   const std::string command = argv[next];
-  if (command == "-h" || command == "--help") {
-    std::fputs(kUsageText, stdout);
-    return kOk;
-  }
   Options options;
   const std::string problem = ParseOptions(argc, argv, next + 1, &options);
   if (!problem.empty()) return Usage(problem.c_str());

@@ -13,11 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "../common/AdminTool.h"
 #include "merosharing.h"
 
 namespace {
 
-enum ExitCode { kOk = 0, kStoreFailed = 1, kUsage = 2, kNoMatch = 3, kNoPasswordHash = 4 };
+using namespace admin_tool;
+constexpr int kNoPasswordHash = 4;
 
 constexpr const char kUsageText[] =
     "usage: webapi-share [--root DIR] COMMAND [OPTIONS]\n"
@@ -56,11 +58,7 @@ constexpr const char kUsageText[] =
     "Exit status: 0 done, 1 the store failed (see syslog), 2 usage error,\n"
     "3 no link matched, 4 the password could not be hashed (see syslog).\n";
 
-int Usage(const char* problem) {
-  if (problem) std::fprintf(stderr, "webapi-share: %s\n", problem);
-  std::fputs(kUsageText, stderr);
-  return kUsage;
-}
+const admin_tool::UsagePrinter Usage{"webapi-share", kUsageText};
 
 struct Options {
   std::string item, owner, ref, host, portal;
@@ -68,15 +66,6 @@ struct Options {
   long long expiresIn = 0, limit = 0, port = 0;
   bool passwordFromStdin = false, disabled = false, https = false;
 };
-
-bool ParseNumber(const char* text, long long max, long long* out) {
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text, &end, 10);
-  if (errno || end == text || *end || value < 0 || value > max) return false;
-  *out = value;
-  return true;
-}
 
 // Reads the options after the command; "" on success, else the problem.
 std::string ParseOptions(int argc, char** argv, int first, Options* options) {
@@ -124,26 +113,15 @@ std::string ParseOptions(int argc, char** argv, int first, Options* options) {
   return "";
 }
 
-std::string FormatTime(long long seconds) {
-  if (seconds == 0) return "-";
-  const time_t when = static_cast<time_t>(seconds);
-  struct tm utc;
-  char text[32];
-  if (!gmtime_r(&when, &utc) || !std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc))
-    return std::to_string(seconds);
-  return text;
-}
+// A time of the store; 0 is "never".
+std::string FormatTime(long long seconds) { return seconds == 0 ? "-" : admin_tool::FormatTime(seconds); }
 
 int Create(const Options& options) {
   if (options.item.empty() || options.apis.empty() || options.owner.empty())
     return Usage("create needs --item, --api and --owner");
   std::string password;
   if (options.passwordFromStdin) {
-    char line[MERO_SHARING_MAX_PASSWORD_BYTES + 2];
-    if (!std::fgets(line, sizeof line, stdin)) return Usage("no password on stdin");
-    password = line;
-    while (!password.empty() && (password.back() == '\n' || password.back() == '\r'))
-      password.pop_back();
+    if (!ReadStdinLine(MERO_SHARING_MAX_PASSWORD_BYTES, &password)) return Usage("no password on stdin");
     if (password.empty()) return Usage("the password is empty");
   }
   std::string base;
@@ -232,18 +210,9 @@ int Changed(int result, const char* what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  int next = 1;
-  if (next + 1 < argc && std::strcmp(argv[next], "--root") == 0) {
-    if (argv[next + 1][0] != '/') return Usage("--root takes an absolute path");
-    setenv("MERO_APPLIANCE_ROOT", argv[next + 1], 1);
-    next += 2;
-  }
-  if (next >= argc) return Usage(nullptr);
+  int next = 0, exitCode = kOk;
+  if (!admin_tool::FindCommand(argc, argv, Usage, &next, &exitCode)) return exitCode;
   const std::string command = argv[next];
-  if (command == "-h" || command == "--help") {
-    std::fputs(kUsageText, stdout);
-    return kOk;
-  }
   Options options;
   const std::string problem = ParseOptions(argc, argv, next + 1, &options);
   if (!problem.empty()) return Usage(problem.c_str());
