@@ -19,6 +19,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "FuzzRoot.h"
 #include "merocgi.h"
 #include "webapi/WebAPI.h"
 
@@ -35,15 +36,7 @@ struct Setup {
 
 const Setup& OnceSetUp() {
   static const Setup setup = [] {
-    char root[] = "/tmp/webapi-fuzz-request-XXXXXX";
-    if (!mkdtemp(root)) std::abort();
-    setenv("MERO_APPLIANCE_ROOT", root, 1);
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(getenv("MERO_APPLIANCE_ROOT"), ignored);
-    });
-    const std::string dir = std::string(root) + "/usr/mero/meroman/webapi";
-    std::filesystem::create_directories(dir);
+    const std::string dir = MakeFuzzRoot("request");
     std::ofstream(dir + "/fuzz.api") << kDescription;
     std::ofstream(dir + "/fuzz.auth") << R"({"timeout": 30, "ip_checking": true})";
     char id[MERO_CGI_SESSION_ID_CHARS + 1];

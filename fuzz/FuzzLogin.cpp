@@ -19,6 +19,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "FuzzRoot.h"
 #include "merocgi.h"
 #include "webapi/WebCGI.h"
 
@@ -26,15 +27,8 @@ namespace {
 
 std::string OnceSetUp() {
   static const std::string root = [] {
-    char dir[] = "/tmp/webapi-fuzz-login-XXXXXX";
-    if (!mkdtemp(dir)) std::abort();
-    setenv("MERO_APPLIANCE_ROOT", dir, 1);
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(getenv("MERO_APPLIANCE_ROOT"), ignored);
-    });
-    const std::string base = dir;
-    std::filesystem::create_directories(base + "/usr/mero/meroman/webapi");
+    MakeFuzzRoot("login");
+    const std::string base = getenv("MERO_APPLIANCE_ROOT");
     std::filesystem::create_directories(base + "/etc/pam.d");
     std::ofstream(base + "/usr/mero/meroman/webapi/fuzz.auth")
         << R"({"timeout": 30, "allow_user": ["admin", "local"]})";

@@ -20,6 +20,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "FuzzRoot.h"
 #include "merosharing.h"
 #include "webapi/WebAPI.h"
 
@@ -48,15 +49,7 @@ std::string NewLink(const char* password) {
 
 const Setup& OnceSetUp() {
   static const Setup setup = [] {
-    char root[] = "/tmp/webapi-fuzz-sharing-XXXXXX";
-    if (!mkdtemp(root)) std::abort();
-    setenv("MERO_APPLIANCE_ROOT", root, 1);
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(getenv("MERO_APPLIANCE_ROOT"), ignored);
-    });
-    const std::string dir = std::string(root) + "/usr/mero/meroman/webapi";
-    std::filesystem::create_directories(dir);
+    const std::string dir = MakeFuzzRoot("sharing");
     std::ofstream(dir + "/fuzzshare.api") << kDescription;
     std::ofstream(dir + "/fuzz.auth") << R"({"timeout": 30, "ip_checking": true})";
     Setup made{NewLink(nullptr), NewLink("fuzz-pass"), ""};
