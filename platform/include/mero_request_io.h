@@ -30,8 +30,9 @@ typedef struct _tag_MERO_REQUEST_IO {
 } MERO_REQUEST_IO;
 
 /* Makes `io` this process's request I/O (it must outlive the request) and
- * rebinds stdin and stdout to it; null restores the CGI implementation.
- * 1 on success; 0 when the streams could not be made (nothing changed). */
+ * rebinds stdin and stdout to it, once per process. 1 on success; 0 when
+ * `io` is null, one is installed already, or the streams could not be made
+ * (nothing changed). */
 MERO_EXPORT int MeroCgiRequestIoInstall(const MERO_REQUEST_IO* io);
 
 /* Reads the request body through the installed implementation: as

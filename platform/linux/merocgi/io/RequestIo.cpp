@@ -12,8 +12,6 @@
 namespace {
 
 const MERO_REQUEST_IO* installed = nullptr;
-FILE* cgiStdin = nullptr;  // the streams an installation replaced
-FILE* cgiStdout = nullptr;
 
 // A stream's buffer is what one record of the response carries at most.
 constexpr size_t kResponseBufferBytes = 32 * 1024;
@@ -29,26 +27,12 @@ ssize_t WriteThrough(void* cookie, const char* bytes, size_t size) {
   return io->writeResponse(io->context, bytes, size) == 0 ? static_cast<ssize_t>(size) : 0;
 }
 
-void RestoreCgiStreams() {
-  if (!cgiStdout) return;
-  std::fflush(stdout);
-  std::fclose(stdout);
-  std::fclose(stdin);
-  stdout = cgiStdout;
-  stdin = cgiStdin;
-  cgiStdout = cgiStdin = nullptr;
-}
-
 }  // namespace
 
 extern "C" {
 
 int MeroCgiRequestIoInstall(const MERO_REQUEST_IO* io) {
-  if (!io) {
-    RestoreCgiStreams();
-    installed = nullptr;
-    return 1;
-  }
+  if (!io || installed) return 0;
   void* cookie = const_cast<MERO_REQUEST_IO*>(io);
   FILE* out = fopencookie(cookie, "w", cookie_io_functions_t{nullptr, WriteThrough, nullptr, nullptr});
   FILE* in = fopencookie(cookie, "r", cookie_io_functions_t{ReadThrough, nullptr, nullptr, nullptr});
@@ -57,10 +41,8 @@ int MeroCgiRequestIoInstall(const MERO_REQUEST_IO* io) {
     if (in) std::fclose(in);
     return 0;
   }
-  RestoreCgiStreams();
+  // The replaced streams stay open: something may still hold them.
   std::fflush(stdout);
-  cgiStdout = stdout;
-  cgiStdin = stdin;
   stdout = out;
   stdin = in;
   installed = io;

@@ -60,12 +60,6 @@ bool IsSocket(int fd) {
   return fstat(fd, &file) == 0 && S_ISSOCK(file.st_mode);
 }
 
-bool IsListeningSocket(int fd) {
-  int listening = 0;
-  socklen_t length = sizeof listening;
-  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
-}
-
 bool IsMemoryFile(int fd) {
   struct stat file {};
   return fstat(fd, &file) == 0 && S_ISREG(file.st_mode);
@@ -78,6 +72,12 @@ bool IsOwnChild(pid_t pid) {
 }
 
 }  // namespace
+
+bool IsListeningSocket(int fd) {
+  int listening = 0;
+  socklen_t length = sizeof listening;
+  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
+}
 
 std::string ExecutablePath() {
   char path[PATH_MAX];
@@ -333,11 +333,11 @@ void ForkServer::Reexecute() {
   SetCloseOnExec(reportsFd_, false);
   for (const Child& child : children_) SetCloseOnExec(child.connection, false);
   setenv(kHandoverVariable, Handover().c_str(), 1);
-  setenv("LD_BIND_NOW", "1", 1);  // as at the first start (Serve.cpp)
+  setenv(kBindNowVariable, "1", 1);
   execv(executable_.c_str(), argv_);
   SERVER_LOG(LOG_ERR, "cannot restart (%s): %m; serving on", executable_.c_str());
   unsetenv(kHandoverVariable);
-  unsetenv("LD_BIND_NOW");
+  unsetenv(kBindNowVariable);
   SetCloseOnExec(listenFd_, true);
   SetCloseOnExec(reportsFd_, true);
   for (const Child& child : children_) SetCloseOnExec(child.connection, true);

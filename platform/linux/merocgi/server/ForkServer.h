@@ -26,6 +26,11 @@
 namespace merocgi::server {
 
 constexpr const char* kHandoverVariable = "MERO_FCGI_HANDOVER";
+// Set for every exec of the server, so that the dynamic linker binds all
+// symbols once there rather than in each request's process.
+constexpr const char* kBindNowVariable = "LD_BIND_NOW";
+
+bool IsListeningSocket(int fd);
 
 // The program's file, by the name it was started from (so that an exec of
 // it keeps the process's name; a file replaced since then is the new one).

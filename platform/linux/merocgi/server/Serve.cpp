@@ -22,13 +22,6 @@ namespace merocgi::server {
 namespace {
 
 constexpr int kActivatedFd = 3;
-constexpr const char* kBindNowVariable = "LD_BIND_NOW";
-
-bool IsListeningSocket(int fd) {
-  int listening = 0;
-  socklen_t length = sizeof listening;
-  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening != 0;
-}
 
 int ActivatedSocket() {
   const char* pid = std::getenv("LISTEN_PID");
