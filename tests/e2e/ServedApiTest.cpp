@@ -333,6 +333,13 @@ class ServedApiTest : public ::testing::Test {
     const std::vector<pid_t> found = Forking() ? ChildrenOf(servers_.back(), name) : std::vector<pid_t>();
     return found.empty() ? 0 : found.front();
   }
+  // `count` requests to the program that misbehaves, each sleeping `ms`.
+  static std::vector<std::string> Sleepers(size_t count, int ms) {
+    return std::vector<std::string>(count, "http://127.0.0.1:" + std::to_string(port_) +
+                                               "/api/misbehave?do=sleep&ms=" + std::to_string(ms));
+  }
+  // lighttpd gives the programs it starts its breakage log as standard error.
+  static std::string ForkServerLog() { return ReadFile(work_ / "logs/cgi-stderr.log"); }
   // The processes answering a request of program `name` now.
   static std::vector<pid_t> RequestProcesses(const std::string& name) {
     return ChildrenOf(Forking() ? ForkServerOf(name) : servers_.back(), name);
@@ -600,8 +607,7 @@ TEST_F(ServedApiTest, ACrashedOrHungRequestIsAnsweredAndTheServerGoesOn) {
   EXPECT_EQ(next.status, 200);
   EXPECT_EQ(next.body.rfind("pid ", 0), 0u) << next.body;
   EXPECT_EQ(ForkServerOf("misbehave"), server);
-  // lighttpd gives the programs it starts its breakage log as standard error.
-  const std::string log = ReadFile(work_ / "logs/cgi-stderr.log");
+  const std::string log = ForkServerLog();
   EXPECT_NE(log.find("stopped after 3 s"), std::string::npos) << log;
   // (Under the sanitizers the crash is reported and the process exits.)
   EXPECT_TRUE(log.find("ended by signal 11") != std::string::npos ||
@@ -613,11 +619,9 @@ TEST_F(ServedApiTest, TwoHundredConnectionsWaitForSixteenRequestProcesses) {
   if (!Forking()) GTEST_SKIP() << "a fork server's case";
   const pid_t server = ForkServerOf("misbehave");
   ASSERT_GT(server, 0);
-  const std::vector<std::string> urls(
-      200, "http://127.0.0.1:" + std::to_string(port_) + "/api/misbehave?do=sleep&ms=50");
   size_t most = 0;
   const auto answers =
-      FetchConcurrently(urls, "", [&](long) { most = std::max(most, ChildrenOf(server, "misbehave").size()); });
+      FetchConcurrently(Sleepers(200, 50), "", [&](long) { most = std::max(most, ChildrenOf(server, "misbehave").size()); });
   std::set<std::string> processes;
   for (const Fetched& answer : answers) {
     EXPECT_EQ(answer.status, 200) << answer.body;
@@ -632,16 +636,14 @@ TEST_F(ServedApiTest, RestartsUnderLoadFailNoRequest) {
   if (!Forking()) GTEST_SKIP() << "a fork server's case";
   const pid_t server = ForkServerOf("misbehave");
   ASSERT_GT(server, 0);
-  const std::vector<std::string> urls(
-      120, "http://127.0.0.1:" + std::to_string(port_) + "/api/misbehave?do=sleep&ms=200");
   int restarts = 0;
-  const auto answers = FetchConcurrently(urls, "", [&](long ms) {
+  const auto answers = FetchConcurrently(Sleepers(120, 200), "", [&](long ms) {
     if (restarts < 3 && ms >= 200 + 400 * restarts && kill(server, SIGHUP) == 0) ++restarts;
   });
   EXPECT_EQ(restarts, 3);
   for (const Fetched& answer : answers) EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(ForkServerOf("misbehave"), server) << "the server was replaced, not restarted in place";
-  const std::string log = ReadFile(work_ / "logs/cgi-stderr.log");
+  const std::string log = ForkServerLog();
   size_t restarted = 0;
   for (size_t at = log.find("restarted;"); at != std::string::npos; at = log.find("restarted;", at + 1))
     ++restarted;
