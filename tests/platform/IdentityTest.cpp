@@ -72,10 +72,8 @@ bool HasIds(uid_t uid, gid_t gid) {
 
 TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
   struct Case {
-    const char* settings;  // null: no settings file
-    const char* user;
-    int want;
-    int wantError;
+    const char *settings, *user;  // settings null: no settings file
+    int want, wantError;
   };
   const Case cases[] = {
       {nullptr, "alice", 1, MERO_ERR_NONE},      // supplementary
@@ -104,8 +102,7 @@ TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
 TEST_F(IdentityTest, LoginNamesConvertToAccountNames) {
   struct Case {
     const char* name;
-    int size;
-    int want;
+    int size, want;
     const char* wantName;
   };
   const Case cases[] = {
@@ -147,11 +144,8 @@ TEST_F(IdentityTest, IdsAreGivenForALiveSessionOfThatUserOnly) {
   const std::string bob = CreateSession("test", "bob");
   const std::string ghost = CreateSession("test", "ghost");  // no such account
   struct Case {
-    const char* label;
-    const char* sid;
-    const char* user;
-    int wantUid;
-    int wantGid;
+    const char *label, *sid, *user;
+    int wantUid, wantGid;
   };
   const Case cases[] = {
       {"own session", alice.c_str(), "alice", 1001, 1001},
@@ -199,32 +193,27 @@ TEST_F(IdentityTest, ShareWriteNeedsAHomeTheAccountMayWrite) {
   MakeHome("erin", 0, 3000, 0770);  // operators, its 42nd group
   MakeHome("root", 1002, 1002, 0500);
   std::ofstream(std::string(IDENTITY_HOMES) + "/carol") << "a file, not a directory";
-  struct Case {
-    const char* user;
-    int want;
-  };
-  const Case users[] = {
+  const std::pair<const char*, int> users[] = {
       {"alice", 0},  {"bob", -2}, {"DOM\\dave", -3},  {"erin@example.com", 0},
       {"Carol", -2}, {"root", 0}, {"nosuchuser", -1}, {nullptr, -1},
   };
-  for (const Case& c : users) {
-    SCOPED_TRACE(c.user ? c.user : "null");
-    EXPECT_EQ(MeroCgiDomValidShareWrite(c.user, "login output"), c.want);
-    EXPECT_EQ(MeroCgiLDAPValidShareWrite(c.user, nullptr), c.want);
+  for (const auto& [user, want] : users) {
+    SCOPED_TRACE(user ? user : "null");
+    EXPECT_EQ(MeroCgiDomValidShareWrite(user, "login output"), want);
+    EXPECT_EQ(MeroCgiLDAPValidShareWrite(user, nullptr), want);
   }
 
-  struct Mode {
+  const struct {
     uid_t uid;
     gid_t gid;
     mode_t mode;
     int want;
-  };
-  const Mode modes[] = {
+  } modes[] = {
       {1006, 1006, 0300, 0}, {1006, 1006, 0600, -3},  // the owner needs search too
       {0, 1006, 0070, 0},    {0, 1006, 0060, -3},    {0, 2000, 0070, -3},  // not its group
       {0, 0, 0007, 0},       {0, 0, 0776, -3},
   };
-  for (const Mode& m : modes) {
+  for (const auto& m : modes) {
     SCOPED_TRACE(::testing::Message() << m.uid << ":" << m.gid << " mode " << std::oct << m.mode);
     MakeHome("frank", m.uid, m.gid, m.mode);
     EXPECT_EQ(MeroCgiDomValidShareWrite("frank", nullptr), m.want);
