@@ -5,17 +5,16 @@
 // cases are skipped otherwise.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 
 #include "ApplianceRootEnv.h"
+#include "ChildProcess.h"
 #include "merocgi.h"
 #include "merocore.h"
 #include "merosdk.h"
@@ -52,16 +51,6 @@ class IdentityTest : public webapi_test::ApplianceRootTest {
     return id;
   }
 };
-
-// Runs `steps` in a forked child, so the ids it changes stay there. The
-// child's exit status: 0, or the number of the step that failed.
-int InChild(const std::function<int()>& steps) {
-  const pid_t pid = ::fork();
-  if (pid == 0) ::_exit(steps());
-  int status = 0;
-  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 bool HasIds(uid_t uid, gid_t gid) {
   uid_t ruid, euid, suid;
@@ -169,21 +158,22 @@ TEST_F(IdentityTest, SwitchingSetsAllThreeIdsForGood) {
   if (::geteuid() != 0) GTEST_SKIP() << "switching ids needs root";
   const std::string dave = CreateSession("test", "DOM\\dave");
   const std::string bob = CreateSession("test", "bob");
-  EXPECT_EQ(InChild([&] {
-              if (MeroCgiGidSet(dave.c_str(), "DOM\\dave") != 0) return 1;
-              if (MeroCgiUidSet(dave.c_str(), "DOM\\dave") != 0) return 2;
-              if (!HasIds(1003, 2000)) return 3;
-              if (::setresuid(0, 0, 0) == 0) return 4;  // no way back to root
-              return 0;
+  // Each child tells the first step that went wrong.
+  EXPECT_EQ(webapi_test::InChild([&] {
+              if (MeroCgiGidSet(dave.c_str(), "DOM\\dave") != 0) return "gid set";
+              if (MeroCgiUidSet(dave.c_str(), "DOM\\dave") != 0) return "uid set";
+              if (!HasIds(1003, 2000)) return "ids";
+              if (::setresuid(0, 0, 0) == 0) return "back to root";
+              return "";
             }),
-            0);
-  EXPECT_EQ(InChild([&] {
-              if (MeroCgiGidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 1;
-              if (MeroCgiUidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 2;
-              if (!HasIds(0, ::getgid())) return 3;
-              return 0;
+            "");
+  EXPECT_EQ(webapi_test::InChild([&] {
+              if (MeroCgiGidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return "gid set";
+              if (MeroCgiUidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return "uid set";
+              if (!HasIds(0, ::getgid())) return "ids";
+              return "";
             }),
-            0);
+            "");
 }
 
 TEST_F(IdentityTest, ShareWriteNeedsAHomeTheAccountMayWrite) {
