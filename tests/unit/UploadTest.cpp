@@ -145,28 +145,24 @@ class UploadTest : public webapi_test::ApplianceRootTest {
   fs::path dir_;
 };
 
-std::string Part(const std::string& disposition, const std::string& data,
-                 const std::string& boundary = "b", const std::string& extra = "") {
-  return "--" + boundary + "\r\nContent-Disposition: form-data; " + disposition + "\r\n" + extra +
-         "\r\n" + data + "\r\n";
+// A part and the closing delimiter under boundary "b".
+std::string Part(const std::string& disposition, const std::string& data, const std::string& extra = "") {
+  return "--b\r\nContent-Disposition: form-data; " + disposition + "\r\n" + extra + "\r\n" + data + "\r\n";
 }
-std::string Close(const std::string& boundary = "b") { return "--" + boundary + "--\r\n"; }
+std::string Close() { return "--b--\r\n"; }
 const char kTypeB[] = "multipart/form-data; boundary=b";
 
-struct BodyCase {
-  const char* label;
-  std::string body;
-  std::string contentType;
-  Outcome want;
-};
-
-std::vector<BodyCase> AcceptedBodies() {
+TEST_F(UploadTest, RealBodiesGiveTheirFieldsAndFilesHoweverTheReadsFall) {
   const std::string webkit = "multipart/form-data; boundary=----WebKitFormBoundary";
   const std::string curlType = "multipart/form-data; boundary=------------------------";
   const std::string lines = "first file\r\nline two\n";
   // A delimiter line may carry MERO_CGI_UPLOAD_MAX_PADDING blanks, no more.
   const std::string overPadded = "\r\n--b" + std::string(MERO_CGI_UPLOAD_MAX_PADDING + 1, ' ') + "\r\n";
-  return {
+  const struct {
+    const char* label;
+    std::string body, contentType;
+    Outcome want;
+  } cases[] = {
       {"curl -F: fields, two files under one name, an empty file",
        DataFile("curl_form.body"), curlType + "b0fe11787966394a",
        {2, 0,
@@ -217,16 +213,11 @@ std::vector<BodyCase> AcceptedBodies() {
        {3, 0, {{"f", "na\xC3\xAFve file.txt"}, {"g", "report.pdf"}, {"h", "etc"}},
         {{"na\xC3\xAFve file.txt", "1"}, {"report.pdf", "2"}, {"etc", "3"}}}},
   };
-}
-
-TEST_F(UploadTest, RealBodiesGiveTheirFieldsAndFilesHoweverTheReadsFall) {
-  for (const BodyCase& c : AcceptedBodies()) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     ASSERT_FALSE(c.body.empty());
     EXPECT_EQ(Receive(c.body, c.contentType), c.want);
-    std::vector<std::string> bytes;
-    for (char byte : c.body) bytes.emplace_back(1, byte);
-    EXPECT_EQ(Receive(bytes), c.want) << "one byte per read";
+    EXPECT_EQ(Receive(PiecesOf(c.body, 1)), c.want) << "one byte per read";
     for (size_t cut = 1; cut < c.body.size(); ++cut) {
       const Outcome got = Receive({c.body.substr(0, cut), c.body.substr(cut)});
       if (!(got == c.want)) {
@@ -312,7 +303,7 @@ TEST_F(UploadTest, RefusedRequestsStoreNothingAtAll) {
       {"NUL in a field", field + file + Part("name=\"z\"", std::string("a\0b", 3)) + Close(),
        MERO_ERR_REQUEST_MALFORMED},
       {"part headers over the limit",
-       field + file + Part("name=\"g\"", "x", "b", "X-Pad: " + std::string(MERO_CGI_UPLOAD_MAX_PART_HEADER_BYTES, 'p') + "\r\n") + Close(),
+       field + file + Part("name=\"g\"", "x", "X-Pad: " + std::string(MERO_CGI_UPLOAD_MAX_PART_HEADER_BYTES, 'p') + "\r\n") + Close(),
        MERO_ERR_REQUEST_TOO_LARGE},
       {"a header line longer than the buffer",
        field + file + "--b\r\nX-Pad: " + std::string(MERO_CGI_UPLOAD_BUFFER_BYTES, 'p'),
@@ -375,7 +366,7 @@ BOOL CancelAfterSomeReads() { return readsBeforeCancel-- <= 0; }
 
 TEST_F(UploadTest, StepByStepAnnouncesEachFileAndStoresTheFieldsBeforeIt) {
   const std::string body = Part("name=\"api\"", "Demo.Files") +
-                           Part("name=\"f1\"; filename=\"one.txt\"", "111", "b", "Content-Type: text/plain\r\n") +
+                           Part("name=\"f1\"; filename=\"one.txt\"", "111", "Content-Type: text/plain\r\n") +
                            Part("name=\"between\"", "2") +
                            Part("name=\"f2\"; filename=\"dir\\two.bin\"", "22") +
                            Part("name=\"f3\"; filename=\"three\"", "skipped") + Part("name=\"after\"", "3") +
