@@ -275,16 +275,15 @@ TEST_F(LoginTest, FiveWrongPasswordsThrottleEvenTheRightOne) {
 }
 
 TEST_F(LoginTest, PamConfLoginConvertsTheNameAndUsesItsOwnService) {
-  struct Case {
+  const struct {
     const char *user, *password;
     int want;
     const char *wantConfUser, *wantLoginUser;  // the first is written back into the PamConf
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"BOB", "other-pw", 1, "bob", "bob"},
       {"bob", "bob-pw", -1, "bob", ""},  // the password of "webui", not of the conf's service
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.user);
     const Probe probe = Run("pam", {{"PROBE_USER", c.user},
                                     {"PROBE_PASSWORD", c.password},
@@ -322,18 +321,14 @@ TEST_F(LoginTest, LoginNeverReusesTheSessionTheRequestCarriedAndLogoutEndsItOnce
 
 TEST_F(LoginTest, LogoutTakesTheSidParameterEvenEmptyBeforeTheCookie) {
   const std::string bogus(43, 'B');
-  struct Case {
-    const char* name;
-    // _sid=<session> with a bogus cookie; else an empty _sid with the session's cookie
-    bool sidInParameter;
-  };
-  for (const Case& c : {Case{"empty _sid", false}, Case{"_sid of the session", true}}) {
-    SCOPED_TRACE(c.name);
+  // _sid=<session> with a bogus cookie; else an empty _sid with the session's cookie.
+  for (const bool sidInParameter : {false, true}) {
+    SCOPED_TRACE(sidInParameter ? "_sid of the session" : "empty _sid");
     const std::string sid = BobSession()["sid"].asString();
-    const Probe logout = Run("logout", {{"QUERY_STRING", "_sid=" + (c.sidInParameter ? sid : "")},
-                                        {"HTTP_COOKIE", "id=" + (c.sidInParameter ? bogus : sid)}});
-    EXPECT_EQ(logout.report["result"], c.sidInParameter) << logout.err;
-    EXPECT_EQ(Check(sid), c.sidInParameter ? -2 : 1);
+    const Probe logout = Run("logout", {{"QUERY_STRING", "_sid=" + (sidInParameter ? sid : "")},
+                                        {"HTTP_COOKIE", "id=" + (sidInParameter ? bogus : sid)}});
+    EXPECT_EQ(logout.report["result"], sidInParameter) << logout.err;
+    EXPECT_EQ(Check(sid), sidInParameter ? -2 : 1);
   }
 }
 
