@@ -30,10 +30,8 @@ constexpr char kLdapName[] = "probeldap";      // admits ldap
 constexpr char kClient[] = "127.0.0.1";
 
 struct TestAccount {
-  const char* name;
-  const char* password;  // for PAM service "webui"
-  unsigned int uid;
-  unsigned int gid;
+  const char *name, *password;  // the password for PAM service "webui"
+  unsigned int uid, gid;
   const char* home;  // under <root>/home; null: none is made
 };
 const TestAccount kAccounts[] = {
@@ -53,9 +51,14 @@ bool Matches(const std::string& text, const char* pattern) {
   return std::regex_search(text, std::regex(pattern));
 }
 
-std::vector<unsigned int> Sorted(const Json::Value& list) {
+std::vector<unsigned int> Ids(const Json::Value& list) {
   std::vector<unsigned int> values;
   for (const Json::Value& value : list) values.push_back(value.asUInt());
+  return values;
+}
+
+std::vector<unsigned int> Sorted(const Json::Value& list) {
+  std::vector<unsigned int> values = Ids(list);
   std::sort(values.begin(), values.end());
   return values;
 }
@@ -87,8 +90,8 @@ class LoginTest : public webapi_test::ApplianceRootTest {
     WriteRootFile("etc/pam.d/passdb", passdb);
     WriteRootFile("etc/pam.d/locked", "mallory\n");
     // libpam reads "other" too, and logs when it is missing.
-    WriteRootFile("etc/pam.d/other", "auth required pam_deny.so\naccount required pam_deny.so\n");
-    WriteRootFile("pam-other/other", "auth required pam_deny.so\naccount required pam_deny.so\n");
+    for (const char* other : {"etc/pam.d/other", "pam-other/other"})
+      WriteRootFile(other, "auth required pam_deny.so\naccount required pam_deny.so\n");
     WriteRootFile("etc/pam.d/webui",
                   "auth required " + matrix + "/etc/pam.d/passdb\n" +
                       "account requisite pam_listfile.so item=user sense=deny file=" + root +
@@ -99,13 +102,13 @@ class LoginTest : public webapi_test::ApplianceRootTest {
     WriteRootFile("pam-other/probepam", "auth required " + matrix + "/pam-other/passdb\n" +
                                             "account required " + matrix + "/pam-other/passdb\n");
 
-    WriteRootFile(std::string("usr/mero/meroman/webapi/") + kLocalName + ".auth",
-                  R"({"allow_user": ["admin", "local"], "timeout": 30, "csrf_protection": true,)"
-                  R"( "ip_checking": true})");
-    WriteRootFile(std::string("usr/mero/meroman/webapi/") + kDomainName + ".auth",
-                  R"({"allow_user": ["domain"], "ip_checking": true})");
-    WriteRootFile(std::string("usr/mero/meroman/webapi/") + kLdapName + ".auth",
-                  R"({"allow_user": ["ldap"], "ip_checking": true})");
+    const std::pair<const char*, const char*> allows[] = {
+        {kLocalName, R"(["admin", "local"], "timeout": 30, "csrf_protection": true)"},
+        {kDomainName, R"(["domain"])"},
+        {kLdapName, R"(["ldap"])"}};
+    for (const auto& [name, allow] : allows)
+      WriteRootFile(std::string("usr/mero/meroman/webapi/") + name + ".auth",
+                    std::string(R"({"allow_user": )") + allow + R"(, "ip_checking": true})");
 
     for (const TestAccount& account : kAccounts) {
       if (!account.home) continue;
@@ -165,10 +168,7 @@ class LoginTest : public webapi_test::ApplianceRootTest {
 
 TEST_F(LoginTest, LoginResultsCookiesAndAuditLines) {
   struct Case {
-    const char* action;
-    const char* session;
-    const char* user;
-    const char* password;
+    const char *action, *session, *user, *password;
     int want;
     bool wantSession;   // a session was made and its cookie recorded
     const char* audit;  // pattern of the audit line
@@ -228,9 +228,7 @@ TEST_F(LoginTest, LoginResultsCookiesAndAuditLines) {
 TEST_F(LoginTest, ShareWriteOfDomainAndDirectoryUsersIsValidatedAndNeverFailsTheLogin) {
   if (!IsRoot()) GTEST_SKIP() << "the validation runs as root";
   struct Case {
-    const char* session;
-    const char* user;
-    const char* password;
+    const char *session, *user, *password;
     bool removeHome;
     const char* failureLine;  // pattern; null: none of either kind
   };
@@ -277,18 +275,15 @@ TEST_F(LoginTest, FiveWrongPasswordsThrottleEvenTheRightOne) {
 }
 
 TEST_F(LoginTest, PamConfLoginConvertsTheNameAndUsesItsOwnService) {
-  struct Case {
-    const char* user;
-    const char* password;
+  const struct {
+    const char *user, *password;
     int want;
-    const char* wantConfUser;  // the user written back into the PamConf
-    const char* wantLoginUser;
-  };
-  const Case cases[] = {
+    const char *wantConfUser, *wantLoginUser;  // the first is written back into the PamConf
+  } cases[] = {
       {"BOB", "other-pw", 1, "bob", "bob"},
       {"bob", "bob-pw", -1, "bob", ""},  // the password of "webui", not of the conf's service
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.user);
     const Probe probe = Run("pam", {{"PROBE_USER", c.user},
                                     {"PROBE_PASSWORD", c.password},
@@ -300,33 +295,25 @@ TEST_F(LoginTest, PamConfLoginConvertsTheNameAndUsesItsOwnService) {
   }
 }
 
-TEST_F(LoginTest, LoginNeverReusesTheSessionTheRequestCarried) {
+TEST_F(LoginTest, LoginNeverReusesTheSessionTheRequestCarriedAndLogoutEndsItOnce) {
   const std::string old = BobSession()["sid"].asString();
   const Probe again = Login("bob", "bob-pw", {{"HTTP_COOKIE", "id=" + old}});
   ASSERT_EQ(again.report["result"], 1) << again.err;
-  const std::string fresh = again.report["sid"].asString();
-  EXPECT_EQ(fresh.size(), 43u);
-  EXPECT_NE(fresh, old);
-  EXPECT_EQ(again.report["cookies"]["id"], SessionCookie(fresh));
-}
+  const std::string sid = again.report["sid"].asString();
+  EXPECT_EQ(sid.size(), 43u);
+  EXPECT_NE(sid, old);
+  EXPECT_EQ(again.report["cookies"]["id"], SessionCookie(sid));
 
-TEST_F(LoginTest, LogoutEndsTheSessionOnce) {
-  const std::string sid = BobSession()["sid"].asString();
-  const std::string cleared = "id=; Max-Age=0; Path=/; HttpOnly; SameSite=Strict";
-
-  const Probe first = Run("logout", {{"HTTP_COOKIE", "id=" + sid}});
-  EXPECT_EQ(first.report["result"], true) << first.err;
-  EXPECT_EQ(first.report["cookies"]["id"], cleared);
-  EXPECT_TRUE(Matches(first.err, R"(logout: user=\S+ client=127\.0\.0\.1 result=success)"))
-      << first.err;
-  EXPECT_EQ(Check(sid), -2);
-
-  const Probe second = Run("logout", {{"HTTP_COOKIE", "id=" + sid}});
-  EXPECT_EQ(second.report["result"], false);
-  EXPECT_EQ(second.report["cookies"]["id"], cleared);  // the browser should forget it anyway
-  EXPECT_TRUE(Matches(second.err, R"(logout: user=\S+ client=127\.0\.0\.1 result=unknown)"))
-      << second.err;
-
+  // The second time the session is unknown; the browser should forget it anyway.
+  for (const auto& [want, line] :
+       {std::pair(true, R"(logout: user=\S+ client=127\.0\.0\.1 result=success)"),
+        std::pair(false, R"(logout: user=\S+ client=127\.0\.0\.1 result=unknown)")}) {
+    const Probe logout = Run("logout", {{"HTTP_COOKIE", "id=" + sid}});
+    EXPECT_EQ(logout.report["result"], want) << logout.err;
+    EXPECT_EQ(logout.report["cookies"]["id"], "id=; Max-Age=0; Path=/; HttpOnly; SameSite=Strict");
+    EXPECT_TRUE(Matches(logout.err, line)) << logout.err;
+    EXPECT_EQ(Check(sid), -2);
+  }
   const Probe none = Run("logout", {});
   EXPECT_EQ(none.report["result"], false);
   EXPECT_EQ(none.report["cookies"], Json::Value(Json::objectValue));
@@ -334,18 +321,14 @@ TEST_F(LoginTest, LogoutEndsTheSessionOnce) {
 
 TEST_F(LoginTest, LogoutTakesTheSidParameterEvenEmptyBeforeTheCookie) {
   const std::string bogus(43, 'B');
-  struct Case {
-    const char* name;
-    // _sid=<session> with a bogus cookie; else an empty _sid with the session's cookie
-    bool sidInParameter;
-  };
-  for (const Case& c : {Case{"empty _sid", false}, Case{"_sid of the session", true}}) {
-    SCOPED_TRACE(c.name);
+  // _sid=<session> with a bogus cookie; else an empty _sid with the session's cookie.
+  for (const bool sidInParameter : {false, true}) {
+    SCOPED_TRACE(sidInParameter ? "_sid of the session" : "empty _sid");
     const std::string sid = BobSession()["sid"].asString();
-    const Probe logout = Run("logout", {{"QUERY_STRING", "_sid=" + (c.sidInParameter ? sid : "")},
-                                        {"HTTP_COOKIE", "id=" + (c.sidInParameter ? bogus : sid)}});
-    EXPECT_EQ(logout.report["result"], c.sidInParameter) << logout.err;
-    EXPECT_EQ(Check(sid), c.sidInParameter ? -2 : 1);
+    const Probe logout = Run("logout", {{"QUERY_STRING", "_sid=" + (sidInParameter ? sid : "")},
+                                        {"HTTP_COOKIE", "id=" + (sidInParameter ? bogus : sid)}});
+    EXPECT_EQ(logout.report["result"], sidInParameter) << logout.err;
+    EXPECT_EQ(Check(sid), sidInParameter ? -2 : 1);
   }
 }
 
@@ -358,8 +341,7 @@ TEST_F(LoginTest, StateChangingCheckNeedsTheTokenOrTheServersOwnOrigin) {
   otherToken.back() = otherToken.back() == 'A' ? 'B' : 'A';
 
   struct Case {
-    const char* name;
-    const char* method;
+    const char *name, *method;
     std::string token;   // X-Mero-Token; empty: none
     const char* origin;  // null: none
     int want;
@@ -396,81 +378,56 @@ TEST_F(LoginTest, StateChangingCheckNeedsTheTokenOrTheServersOwnOrigin) {
   // Without csrf_protection the rule is off.
   const Probe dave = Login("DOM\\dave", "dave-pw", {{"PROBE_SESSION", kDomainName}});
   ASSERT_EQ(dave.report["result"], 1) << dave.err;
-  const Probe post = Run("check",
-                         {{"PROBE_SESSION", kDomainName},
-                          {"REQUEST_METHOD", "POST"},
-                          {"CONTENT_LENGTH", std::to_string(body.size())},
-                          {"HTTP_COOKIE", "id=" + dave.report["sid"].asString()}},
+  const Probe post = Run("check", {{"PROBE_SESSION", kDomainName}, {"REQUEST_METHOD", "POST"},
+                                   {"CONTENT_LENGTH", std::to_string(body.size())},
+                                   {"HTTP_COOKIE", "id=" + dave.report["sid"].asString()}},
                          body);
   EXPECT_EQ(post.report["result"], 1) << post.err;
 }
 
-TEST_F(LoginTest, SetEugidTakesTheUsersEffectiveIdsAndKeepsRootReachable) {
+TEST_F(LoginTest, SwitchingTakesTheUsersIdsAndOnlySetEugidKeepsRootReachable) {
   if (!IsRoot()) GTEST_SKIP() << "switching ids needs root";
   struct Case {
-    const char* user;
-    const char* password;
+    const char *action, *user, *password;
     std::vector<unsigned int> uids, gids, groups;  // real, effective, saved
   };
   const Case cases[] = {
-      {"bob", "bob-pw", {0, 1002, 0}, {0, 1002, 0}, {1002}},
+      {"switch", "bob", "bob-pw", {0, 1002, 0}, {0, 1002, 0}, {1002}},
       // An administrator stays root, with the administrator's own group.
-      {"alice", "alice-pw", {0, 0, 0}, {0, 1001, 0}, {1001, 2000}},
+      {"switch", "alice", "alice-pw", {0, 0, 0}, {0, 1001, 0}, {1001, 2000}},
+      {"permanent", "bob", "bob-pw", {1002, 1002, 1002}, {1002, 1002, 1002}, {1002}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.user);
+    SCOPED_TRACE(std::string(c.action) + " " + c.user);
     const Probe login = Login(c.user, c.password);
     ASSERT_EQ(login.report["result"], 1) << login.err;
-    const Probe probe = Run("switch", {{"HTTP_COOKIE", "id=" + login.report["sid"].asString()}});
+    const Probe probe = Run(c.action, {{"HTTP_COOKIE", "id=" + login.report["sid"].asString()}});
     const Json::Value& report = probe.report;
     EXPECT_EQ(report["check"], 1) << probe.err;
     EXPECT_EQ(report["result"], 0) << probe.err;
-    std::vector<unsigned int> uids, gids;
-    for (const Json::Value& id : report["uids"]) uids.push_back(id.asUInt());
-    for (const Json::Value& id : report["gids"]) gids.push_back(id.asUInt());
-    EXPECT_EQ(uids, c.uids);
-    EXPECT_EQ(gids, c.gids);
+    EXPECT_EQ(Ids(report["uids"]), c.uids);
+    EXPECT_EQ(Ids(report["gids"]), c.gids);
     EXPECT_EQ(Sorted(report["groups"]), c.groups);
-    EXPECT_EQ(report["backToRoot"], true);
+    EXPECT_EQ(report["backToRoot"], std::string(c.action) == "switch");
   }
 }
 
-TEST_F(LoginTest, SetUgidTakesAllThreeIdsOfTheUser) {
-  if (!IsRoot()) GTEST_SKIP() << "switching ids needs root";
-  const std::string sid = BobSession()["sid"].asString();
-  const Probe probe = Run("permanent", {{"HTTP_COOKIE", "id=" + sid}});
-  EXPECT_EQ(probe.report["check"], 1) << probe.err;
-  EXPECT_EQ(probe.report["result"], 0) << probe.err;
-  EXPECT_EQ(Sorted(probe.report["uids"]), std::vector<unsigned int>(3, 1002));
-  EXPECT_EQ(Sorted(probe.report["gids"]), std::vector<unsigned int>(3, 1002));
-  EXPECT_EQ(Sorted(probe.report["groups"]), std::vector<unsigned int>{1002});
-  EXPECT_EQ(probe.report["backToRoot"], false);
-}
-
 TEST_F(LoginTest, SwitchWithoutSessionFailsWithItsLogLineAndKeepsTheIds) {
-  struct Case {
-    const char* action;
-    const char* line;
-  };
-  const Case cases[] = {
-      {"switch", R"(WebCGI\.cpp:\d+ Bad parameter)"},
-      {"permanent", R"(WebCGI\.cpp:\d+ bad parameter)"},
-  };
   const std::vector<unsigned int> start(3, geteuid());
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.action);
-    const Probe probe = Run(c.action, {});
+  for (const auto& [action, line] : {std::pair("switch", R"(WebCGI\.cpp:\d+ Bad parameter)"),
+                                     std::pair("permanent", R"(WebCGI\.cpp:\d+ bad parameter)")}) {
+    SCOPED_TRACE(action);
+    const Probe probe = Run(action, {});
     EXPECT_EQ(probe.report["check"], -5);
     EXPECT_EQ(probe.report["result"], -1);
-    EXPECT_TRUE(Matches(probe.err, c.line)) << probe.err;
+    EXPECT_TRUE(Matches(probe.err, line)) << probe.err;
     EXPECT_EQ(Sorted(probe.report["uids"]), start);
   }
 }
 
 TEST_F(LoginTest, RealUsernameIsTheAccountNameAskedAsRoot) {
   struct Case {
-    const char* name;
-    const char* want;
+    const char *name, *want;
     bool dropRoot;    // give up root for good first: the guard cannot switch
     const char* log;  // pattern; null: no failure line
   };

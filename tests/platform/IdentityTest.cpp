@@ -5,17 +5,16 @@
 // cases are skipped otherwise.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 
 #include "ApplianceRootEnv.h"
+#include "ChildProcess.h"
 #include "merocgi.h"
 #include "merocore.h"
 #include "merosdk.h"
@@ -53,16 +52,6 @@ class IdentityTest : public webapi_test::ApplianceRootTest {
   }
 };
 
-// Runs `steps` in a forked child, so the ids it changes stay there. The
-// child's exit status: 0, or the number of the step that failed.
-int InChild(const std::function<int()>& steps) {
-  const pid_t pid = ::fork();
-  if (pid == 0) ::_exit(steps());
-  int status = 0;
-  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 bool HasIds(uid_t uid, gid_t gid) {
   uid_t ruid, euid, suid;
   gid_t rgid, egid, sgid;
@@ -72,10 +61,8 @@ bool HasIds(uid_t uid, gid_t gid) {
 
 TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
   struct Case {
-    const char* settings;  // null: no settings file
-    const char* user;
-    int want;
-    int wantError;
+    const char *settings, *user;  // settings null: no settings file
+    int want, wantError;
   };
   const Case cases[] = {
       {nullptr, "alice", 1, MERO_ERR_NONE},      // supplementary
@@ -104,8 +91,7 @@ TEST_F(IdentityTest, AdminGroupMembershipFollowsTheConfiguredGroup) {
 TEST_F(IdentityTest, LoginNamesConvertToAccountNames) {
   struct Case {
     const char* name;
-    int size;
-    int want;
+    int size, want;
     const char* wantName;
   };
   const Case cases[] = {
@@ -147,11 +133,8 @@ TEST_F(IdentityTest, IdsAreGivenForALiveSessionOfThatUserOnly) {
   const std::string bob = CreateSession("test", "bob");
   const std::string ghost = CreateSession("test", "ghost");  // no such account
   struct Case {
-    const char* label;
-    const char* sid;
-    const char* user;
-    int wantUid;
-    int wantGid;
+    const char *label, *sid, *user;
+    int wantUid, wantGid;
   };
   const Case cases[] = {
       {"own session", alice.c_str(), "alice", 1001, 1001},
@@ -175,21 +158,22 @@ TEST_F(IdentityTest, SwitchingSetsAllThreeIdsForGood) {
   if (::geteuid() != 0) GTEST_SKIP() << "switching ids needs root";
   const std::string dave = CreateSession("test", "DOM\\dave");
   const std::string bob = CreateSession("test", "bob");
-  EXPECT_EQ(InChild([&] {
-              if (MeroCgiGidSet(dave.c_str(), "DOM\\dave") != 0) return 1;
-              if (MeroCgiUidSet(dave.c_str(), "DOM\\dave") != 0) return 2;
-              if (!HasIds(1003, 2000)) return 3;
-              if (::setresuid(0, 0, 0) == 0) return 4;  // no way back to root
-              return 0;
+  // Each child tells the first step that went wrong.
+  EXPECT_EQ(webapi_test::InChild([&] {
+              if (MeroCgiGidSet(dave.c_str(), "DOM\\dave") != 0) return "gid set";
+              if (MeroCgiUidSet(dave.c_str(), "DOM\\dave") != 0) return "uid set";
+              if (!HasIds(1003, 2000)) return "ids";
+              if (::setresuid(0, 0, 0) == 0) return "back to root";
+              return "";
             }),
-            0);
-  EXPECT_EQ(InChild([&] {
-              if (MeroCgiGidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 1;
-              if (MeroCgiUidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return 2;
-              if (!HasIds(0, ::getgid())) return 3;
-              return 0;
+            "");
+  EXPECT_EQ(webapi_test::InChild([&] {
+              if (MeroCgiGidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return "gid set";
+              if (MeroCgiUidSet(bob.c_str(), "DOM\\dave") != -1 || errno != ENOENT) return "uid set";
+              if (!HasIds(0, ::getgid())) return "ids";
+              return "";
             }),
-            0);
+            "");
 }
 
 TEST_F(IdentityTest, ShareWriteNeedsAHomeTheAccountMayWrite) {
@@ -199,32 +183,27 @@ TEST_F(IdentityTest, ShareWriteNeedsAHomeTheAccountMayWrite) {
   MakeHome("erin", 0, 3000, 0770);  // operators, its 42nd group
   MakeHome("root", 1002, 1002, 0500);
   std::ofstream(std::string(IDENTITY_HOMES) + "/carol") << "a file, not a directory";
-  struct Case {
-    const char* user;
-    int want;
-  };
-  const Case users[] = {
+  const std::pair<const char*, int> users[] = {
       {"alice", 0},  {"bob", -2}, {"DOM\\dave", -3},  {"erin@example.com", 0},
       {"Carol", -2}, {"root", 0}, {"nosuchuser", -1}, {nullptr, -1},
   };
-  for (const Case& c : users) {
-    SCOPED_TRACE(c.user ? c.user : "null");
-    EXPECT_EQ(MeroCgiDomValidShareWrite(c.user, "login output"), c.want);
-    EXPECT_EQ(MeroCgiLDAPValidShareWrite(c.user, nullptr), c.want);
+  for (const auto& [user, want] : users) {
+    SCOPED_TRACE(user ? user : "null");
+    EXPECT_EQ(MeroCgiDomValidShareWrite(user, "login output"), want);
+    EXPECT_EQ(MeroCgiLDAPValidShareWrite(user, nullptr), want);
   }
 
-  struct Mode {
+  const struct {
     uid_t uid;
     gid_t gid;
     mode_t mode;
     int want;
-  };
-  const Mode modes[] = {
+  } modes[] = {
       {1006, 1006, 0300, 0}, {1006, 1006, 0600, -3},  // the owner needs search too
       {0, 1006, 0070, 0},    {0, 1006, 0060, -3},    {0, 2000, 0070, -3},  // not its group
       {0, 0, 0007, 0},       {0, 0, 0776, -3},
   };
-  for (const Mode& m : modes) {
+  for (const auto& m : modes) {
     SCOPED_TRACE(::testing::Message() << m.uid << ":" << m.gid << " mode " << std::oct << m.mode);
     MakeHome("frank", m.uid, m.gid, m.mode);
     EXPECT_EQ(MeroCgiDomValidShareWrite("frank", nullptr), m.want);

@@ -20,27 +20,19 @@
 
 namespace {
 
-std::string& Calls() {
-  static std::string calls;
-  return calls;
-}
-
-std::string& Logged() {
-  static std::string logged;
-  return logged;
-}
+std::string calls, logged;
 
 void RecordCall(const char* which, unsigned int real, unsigned int effective, unsigned int saved) {
   char call[64];
   std::snprintf(call, sizeof call, " %s(%d,%d,%d)", which, static_cast<int>(real),
                 static_cast<int>(effective), static_cast<int>(saved));
-  Calls() += call;
+  calls += call;
 }
 
 void RecordLog(int priority, const char* format, va_list args) {
   char line[512];
   std::vsnprintf(line, sizeof line, format, args);
-  Logged() += "<" + std::to_string(priority) + ">" + line + "\n";
+  logged += "<" + std::to_string(priority) + ">" + line + "\n";
 }
 
 template <typename Function>
@@ -66,20 +58,14 @@ TEST_SEAM int setresgid(gid_t real, gid_t effective, gid_t saved) {
   return next(real, effective, saved);
 }
 
-TEST_SEAM void syslog(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  RecordLog(priority, format, args);
-  va_end(args);
-}
-
-// What a fortified build calls in place of syslog.
-TEST_SEAM void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  RecordLog(priority, format, args);
-  va_end(args);
-}
+// __syslog_chk is what a fortified build calls in place of syslog.
+#define RECORD_LOG(priority, format)     \
+  va_list args;                          \
+  va_start(args, format);                \
+  RecordLog(priority, format, args);     \
+  va_end(args)
+TEST_SEAM void syslog(int priority, const char* format, ...) { RECORD_LOG(priority, format); }
+TEST_SEAM void __syslog_chk(int priority, int, const char* format, ...) { RECORD_LOG(priority, format); }
 
 namespace {
 
@@ -91,15 +77,15 @@ std::string EffectiveIds() { return std::to_string(geteuid()) + "/" + std::to_st
 // reports what a guard to root does on the way in and on the way out.
 std::string GuardToRoot(uid_t uid, gid_t gid, bool forgetSavedUid) {
   if (setresgid(-1, gid, -1) != 0 || setresuid(-1, uid, -1) != 0) return "cannot start";
-  Calls().clear();
+  calls.clear();
   std::string text;
   {
     MERO::RunAsGuard guard(0, 0, "here.cpp", 7, "IF_RUN_AS");
-    text = "in:" + Calls() + " ok=" + (guard.ok ? "1" : "0") + " ids=" + EffectiveIds();
+    text = "in:" + calls + " ok=" + (guard.ok ? "1" : "0") + " ids=" + EffectiveIds();
     if (forgetSavedUid) guard.savedEuid = static_cast<uid_t>(-1);
-    Calls().clear();
+    calls.clear();
   }
-  return text + " | out:" + Calls() + " ids=" + EffectiveIds() + " log=" + Logged();
+  return text + " | out:" + calls + " ids=" + EffectiveIds() + " log=" + logged;
 }
 
 class RunAsGuardTest : public ::testing::Test {
@@ -139,13 +125,13 @@ TEST_F(RunAsGuardTest, FailedSwitchRunsTheElseBranchAndLogsIt) {
     if (setgroups(0, nullptr) != 0 || setresgid(100, 100, 100) != 0 ||
         setresuid(1024, 1024, 1024) != 0)
       return std::string("cannot start");
-    Calls().clear();
+    calls.clear();
     std::string branch;
     // clang-format off
     const int line = __LINE__; IF_RUN_AS(0, 0) { branch = "body"; } else { branch = "else"; }
     // clang-format on
-    return std::to_string(line) + " " + branch + " ids=" + EffectiveIds() + " calls:" + Calls() +
-           " log=" + Logged();
+    return std::to_string(line) + " " + branch + " ids=" + EffectiveIds() + " calls:" + calls +
+           " log=" + logged;
   });
   const std::string line = got.substr(0, got.find(' '));
   EXPECT_EQ(got, line + " else ids=1024/100 calls: uid(-1,0,-1) log=<" +
@@ -162,9 +148,9 @@ TEST_F(RunAsGuardTest, FailedRestoreIsLoggedAsCriticalAndLeavesTheIds) {
       // Inside the scope the process gives up root for good, keeping group
       // 0: group 100 is then out of reach.
       if (!guard.ok || setresuid(1024, 1024, 1024) != 0) return std::string("cannot switch");
-      Calls().clear();
+      calls.clear();
     }
-    return "out:" + Calls() + " ids=" + EffectiveIds() + " log=" + Logged();
+    return "out:" + calls + " ids=" + EffectiveIds() + " log=" + logged;
   });
   EXPECT_EQ(got, "out: gid(-1,100,-1) ids=1024/0 log=<" + std::to_string(LOG_AUTH | LOG_CRIT) +
                      ">here.cpp:7 ERROR: ~IF_RUN_AS(1024, 100)\n");

@@ -81,6 +81,18 @@ class PiecewiseStdin {
   std::thread writer_;
 };
 
+std::vector<std::string> PiecesOf(const std::string& body, size_t size) {
+  std::vector<std::string> pieces;
+  for (size_t at = 0; at < body.size(); at += size) pieces.push_back(body.substr(at, size));
+  return pieces;
+}
+
+struct StateOwner {
+  StateOwner() { MeroCgiInit("", &state); }
+  ~StateOwner() { MeroCgiFree(&state); }
+  MEROCGI_STATE state;
+};
+
 class UploadTest : public webapi_test::ApplianceRootTest {
  protected:
   void SetUp() override {
@@ -115,50 +127,42 @@ class UploadTest : public webapi_test::ApplianceRootTest {
   // One whole-body receive; the directory is emptied again after it.
   Outcome Receive(const std::vector<std::string>& pieces) {
     PiecewiseStdin input(pieces);
-    MEROCGI_STATE state;
-    MeroCgiInit("", &state);
+    StateOwner owner;
     Outcome outcome;
-    outcome.result = MeroCgiLoadUploadData(&state, dir_.c_str(), 0);
+    outcome.result = MeroCgiLoadUploadData(&owner.state, dir_.c_str(), 0);
     outcome.error = outcome.result < 0 ? MLIBCErrGet() : 0;
-    outcome.params = Params(state);
+    outcome.params = Params(owner.state);
     outcome.files = Files(true);
-    MeroCgiFree(&state);
     return outcome;
   }
 
   // The body in reads of at most 4 KiB.
   Outcome Receive(const std::string& body, const std::string& contentType) {
     SetRequest(contentType, body.size());
-    std::vector<std::string> pieces;
-    for (size_t at = 0; at < body.size(); at += 4096) pieces.push_back(body.substr(at, 4096));
-    return Receive(pieces);
+    return Receive(PiecesOf(body, 4096));
   }
 
   fs::path dir_;
 };
 
-std::string Part(const std::string& disposition, const std::string& data,
-                 const std::string& boundary = "b", const std::string& extra = "") {
-  return "--" + boundary + "\r\nContent-Disposition: form-data; " + disposition + "\r\n" + extra +
-         "\r\n" + data + "\r\n";
+// A part and the closing delimiter under boundary "b".
+std::string Part(const std::string& disposition, const std::string& data, const std::string& extra = "") {
+  return "--b\r\nContent-Disposition: form-data; " + disposition + "\r\n" + extra + "\r\n" + data + "\r\n";
 }
-std::string Close(const std::string& boundary = "b") { return "--" + boundary + "--\r\n"; }
+std::string Close() { return "--b--\r\n"; }
 const char kTypeB[] = "multipart/form-data; boundary=b";
 
-struct BodyCase {
-  const char* label;
-  std::string body;
-  std::string contentType;
-  Outcome want;
-};
-
-std::vector<BodyCase> AcceptedBodies() {
+TEST_F(UploadTest, RealBodiesGiveTheirFieldsAndFilesHoweverTheReadsFall) {
   const std::string webkit = "multipart/form-data; boundary=----WebKitFormBoundary";
   const std::string curlType = "multipart/form-data; boundary=------------------------";
   const std::string lines = "first file\r\nline two\n";
   // A delimiter line may carry MERO_CGI_UPLOAD_MAX_PADDING blanks, no more.
   const std::string overPadded = "\r\n--b" + std::string(MERO_CGI_UPLOAD_MAX_PADDING + 1, ' ') + "\r\n";
-  return {
+  const struct {
+    const char* label;
+    std::string body, contentType;
+    Outcome want;
+  } cases[] = {
       {"curl -F: fields, two files under one name, an empty file",
        DataFile("curl_form.body"), curlType + "b0fe11787966394a",
        {2, 0,
@@ -209,16 +213,11 @@ std::vector<BodyCase> AcceptedBodies() {
        {3, 0, {{"f", "na\xC3\xAFve file.txt"}, {"g", "report.pdf"}, {"h", "etc"}},
         {{"na\xC3\xAFve file.txt", "1"}, {"report.pdf", "2"}, {"etc", "3"}}}},
   };
-}
-
-TEST_F(UploadTest, RealBodiesGiveTheirFieldsAndFilesHoweverTheReadsFall) {
-  for (const BodyCase& c : AcceptedBodies()) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     ASSERT_FALSE(c.body.empty());
     EXPECT_EQ(Receive(c.body, c.contentType), c.want);
-    std::vector<std::string> bytes;
-    for (char byte : c.body) bytes.emplace_back(1, byte);
-    EXPECT_EQ(Receive(bytes), c.want) << "one byte per read";
+    EXPECT_EQ(Receive(PiecesOf(c.body, 1)), c.want) << "one byte per read";
     for (size_t cut = 1; cut < c.body.size(); ++cut) {
       const Outcome got = Receive({c.body.substr(0, cut), c.body.substr(cut)});
       if (!(got == c.want)) {
@@ -304,7 +303,7 @@ TEST_F(UploadTest, RefusedRequestsStoreNothingAtAll) {
       {"NUL in a field", field + file + Part("name=\"z\"", std::string("a\0b", 3)) + Close(),
        MERO_ERR_REQUEST_MALFORMED},
       {"part headers over the limit",
-       field + file + Part("name=\"g\"", "x", "b", "X-Pad: " + std::string(MERO_CGI_UPLOAD_MAX_PART_HEADER_BYTES, 'p') + "\r\n") + Close(),
+       field + file + Part("name=\"g\"", "x", "X-Pad: " + std::string(MERO_CGI_UPLOAD_MAX_PART_HEADER_BYTES, 'p') + "\r\n") + Close(),
        MERO_ERR_REQUEST_TOO_LARGE},
       {"a header line longer than the buffer",
        field + file + "--b\r\nX-Pad: " + std::string(MERO_CGI_UPLOAD_BUFFER_BYTES, 'p'),
@@ -352,12 +351,6 @@ TEST_F(UploadTest, TheBodyIsReadOnceAndTheDirectoryMustExist) {
 
 // ---- step by step --------------------------------------------------------
 
-struct StateOwner {
-  StateOwner() { MeroCgiInit("", &state); }
-  ~StateOwner() { MeroCgiFree(&state); }
-  MEROCGI_STATE state;
-};
-
 std::vector<std::pair<unsigned long long, unsigned long long>> progressCalls;
 void RecordProgress(unsigned long long received, unsigned long long total) {
   progressCalls.emplace_back(received, total);
@@ -371,15 +364,9 @@ long long RecordRate(unsigned long long fileBytes, unsigned long long received,
 int readsBeforeCancel = 0;
 BOOL CancelAfterSomeReads() { return readsBeforeCancel-- <= 0; }
 
-std::vector<std::string> PiecesOf(const std::string& body, size_t size) {
-  std::vector<std::string> pieces;
-  for (size_t at = 0; at < body.size(); at += size) pieces.push_back(body.substr(at, size));
-  return pieces;
-}
-
 TEST_F(UploadTest, StepByStepAnnouncesEachFileAndStoresTheFieldsBeforeIt) {
   const std::string body = Part("name=\"api\"", "Demo.Files") +
-                           Part("name=\"f1\"; filename=\"one.txt\"", "111", "b", "Content-Type: text/plain\r\n") +
+                           Part("name=\"f1\"; filename=\"one.txt\"", "111", "Content-Type: text/plain\r\n") +
                            Part("name=\"between\"", "2") +
                            Part("name=\"f2\"; filename=\"dir\\two.bin\"", "22") +
                            Part("name=\"f3\"; filename=\"three\"", "skipped") + Part("name=\"after\"", "3") +
@@ -444,59 +431,49 @@ TEST_F(UploadTest, StepByStepRefusalsLeaveNothingAndEndTheUpload) {
                                    type, sizeof type);
   };
   unsigned long long written = 0;
-  auto noTruncate = [&](MEROCGI_STATE* state) {
-    return MeroCgiLoadUploadFileNoTruncate(state, target.c_str(), nullptr, nullptr, nullptr, field,
-                                           name, type, &written, CancelAfterSomeReads);
+  auto bw = [&](const char* bandwidth) {
+    return [&, bandwidth](MEROCGI_STATE* s) {
+      return MeroCgiLoadUploadFileBW(s, target.c_str(), nullptr, nullptr, field, name, type, bandwidth);
+    };
+  };
+  auto noTruncate = [&](MEROCGI_STATE* s) {
+    return MeroCgiLoadUploadFileNoTruncate(s, target.c_str(), nullptr, nullptr, nullptr, field, name,
+                                           type, &written, CancelAfterSomeReads);
+  };
+  auto afterParams = [&](std::function<int(MEROCGI_STATE*)> call) {
+    return [&, call](MEROCGI_STATE* s) { return params(s) == 1 ? call(s) : 0; };
   };
   const struct {
     const char* label;
     std::function<int(MEROCGI_STATE*)> steps;
     int error;
-    size_t sent;  // bytes of the body sent; CONTENT_LENGTH is always the whole
-    Texts files;
+    const char* existing = nullptr;  // the target's text beforehand
+    int reads = 1 << 30;             // before the cancel callback says yes
+    size_t sent = std::string::npos;  // bytes of the body sent; CONTENT_LENGTH is always the whole
   } cases[] = {
-      {"a file call first",
-       [&](MEROCGI_STATE* s) { return MeroCgiLoadUploadFileBW(s, target.c_str(), nullptr, nullptr, field, name, type, ""); },
-       MERO_ERR_INVALID_ARGUMENT, body.size(), {}},
+      {"a file call first", bw(""), MERO_ERR_INVALID_ARGUMENT},
       {"a buffer too small",
        [&](MEROCGI_STATE* s) {
          return MeroCgiLoadUploadParams(s, nullptr, nullptr, field, sizeof field, name, 7, type, sizeof type);
        },
-       MERO_ERR_INVALID_ARGUMENT, body.size(), {}},
-      {"a bandwidth that is no number",
-       [&](MEROCGI_STATE* s) {
-         return params(s) == 1 ? MeroCgiLoadUploadFileBW(s, target.c_str(), nullptr, nullptr, field, name, type, "1k") : 0;
-       },
-       MERO_ERR_INVALID_ARGUMENT, body.size(), {}},
-      {"the target exists",
-       [&](MEROCGI_STATE* s) {
-         std::ofstream(target) << "old";
-         return params(s) == 1 ? noTruncate(s) : 0;
-       },
-       MERO_ERR_EXISTS, body.size(), {{"target", "old"}}},
-      {"cancelled",
-       [&](MEROCGI_STATE* s) {
-         readsBeforeCancel = 3;
-         return params(s) == 1 ? noTruncate(s) : 0;
-       },
-       MERO_ERR_CANCELLED, body.size(), {}},
-      {"cut short in the file",
-       [&](MEROCGI_STATE* s) {
-         readsBeforeCancel = 1 << 30;
-         return params(s) == 1 ? noTruncate(s) : 0;
-       },
-       MERO_ERR_REQUEST_INCOMPLETE, 10000, {}},
+       MERO_ERR_INVALID_ARGUMENT},
+      {"a bandwidth that is no number", afterParams(bw("1k")), MERO_ERR_INVALID_ARGUMENT},
+      {"the target exists", afterParams(noTruncate), MERO_ERR_EXISTS, "old"},
+      {"cancelled", afterParams(noTruncate), MERO_ERR_CANCELLED, nullptr, 3},
+      {"cut short in the file", afterParams(noTruncate), MERO_ERR_REQUEST_INCOMPLETE, nullptr, 1 << 30, 10000},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
+    if (c.existing) std::ofstream(target) << c.existing;
+    readsBeforeCancel = c.reads;
     SetRequest(kTypeB, body.size());
     PiecewiseStdin input(PiecesOf(body.substr(0, c.sent), 256));
     StateOwner owner;
     EXPECT_EQ(c.steps(&owner.state), -1);
     EXPECT_EQ(MLIBCErrGet(), c.error);
     EXPECT_EQ(std::string(field) + name + type, "");
-    EXPECT_EQ(MeroCgiLoadUploadFileBW(&owner.state, target.c_str(), nullptr, nullptr, field, name, type, ""), -1);
-    EXPECT_EQ(Files(true), c.files);
+    EXPECT_EQ(bw("")(&owner.state), -1);
+    EXPECT_EQ(Files(true), (c.existing ? Texts{{"target", c.existing}} : Texts{}));
   }
   EXPECT_GT(written, 0u);  // the cut-short case wrote part of its file before the refusal
   EXPECT_LT(written, data.size());

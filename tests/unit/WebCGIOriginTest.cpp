@@ -17,8 +17,7 @@ TEST_F(WebCGIOriginTest, SplitsUrlsIntoHostAndPortText) {
   struct Case {
     const char* url;
     bool ok;
-    const char* host;  // "(kept)" when the output keeps its previous value
-    const char* port;
+    const char *host, *port;  // "(kept)" when the output keeps its previous value
   };
   const Case cases[] = {
       {"https://[fe80::1]:5001/app/page", true, "[fe80::1]", "5001"},
@@ -45,11 +44,7 @@ TEST_F(WebCGIOriginTest, SplitsUrlsIntoHostAndPortText) {
 
 TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
   struct Case {
-    const char* https;
-    const char* forwarded;
-    const char* hostHeader;
-    const char* proto;
-    const char* host;
+    const char *https, *forwarded, *hostHeader, *proto, *host;
     int port;
   };
   const Case cases[] = {
@@ -85,9 +80,7 @@ TEST_F(WebCGIOriginTest, DerivesProtocolHostAndPortOnce) {
 
 TEST_F(WebCGIOriginTest, SameOriginOnlyForTheSameHostAndPortText) {
   struct Case {
-    const char* https;
-    const char* hostHeader;
-    const char* referer;
+    const char *https, *hostHeader, *referer;
     bool same;
   };
   const std::string longHost(5000, 'a');
@@ -130,10 +123,8 @@ TEST_F(WebCGIOriginTest, SameOriginOnlyForTheSameHostAndPortText) {
 
 TEST_F(WebCGIOriginTest, AppPortalsAreAdmittedByTheSessionConfiguration) {
   struct Case {
-    const char* auth;  // null: no auth file
-    const char* rewriteApp;
-    bool portal;
-    bool mapped;
+    const char *auth, *rewriteApp;  // auth null: no auth file
+    bool portal, mapped;
   };
   const Case cases[] = {
       {R"({"app_portals":["apptwo"]})", nullptr, false, true},
