@@ -60,10 +60,7 @@ class ApiPipelineTest : public ApplianceRootTest {
 
 TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
   const std::string item = "api=Probe.Item&";
-  struct Case {
-    std::string query;
-    std::string expected;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"method=get&version=1", Error(101)},
       {item + "version=1", Error(101)},
       {item + "method=get", Error(101)},
@@ -77,7 +74,7 @@ TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
       // Valid, but no session: only now does the session check answer.
       {item + "method=GET&version=2", Error(105)},
   };
-  for (const Case& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
+  for (const auto& [query, expected] : cases) EXPECT_EQ(Get(query).out, expected) << query;
 }
 
 // The api name is the request's: cut to 256 bytes, with control bytes
@@ -131,14 +128,9 @@ TEST_F(ApiPipelineTest, UploadHookReceivesTheFilesAndTheBodyNamesTheRequest) {
   WriteRootFile("mounts", "a " + root().string() + "/ro ext4 ro 0 0\n");
   WriteRootFile("etc/meroinfo.conf", "mount_table=\"" + root().string() + "/mounts\"\n" +
                                          "storage_volumes=\"" + root().string() + "/*\"\n");
-  const struct {
-    const char* label;
-    std::string uploadDir;
-    bool noDisks;
-    std::string body;
-    std::string answer;
-    const char* logged;
-    std::string stored;  // where report.txt must be, "" for nowhere
+  const struct {  // stored: where report.txt must be, "" for nowhere
+    const char* label; std::string uploadDir; bool noDisks; std::string body, answer;
+    const char* logged; std::string stored;
   } cases[] = {
       {"into a named directory", up, false, good, uploaded, nullptr, up},
       {"no disks: /tmp under the root", "-", true, good, uploaded, nullptr, tmp},

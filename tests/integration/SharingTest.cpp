@@ -91,10 +91,7 @@ TEST_F(SharingTest, EachRefusalReachesItsCode) {
   const std::string used = Link({{"Probe.Shared"}, "/docs", 0, 1});
   ASSERT_TRUE(Succeeded(Get(Shared(used))));
   const std::string unknown(MERO_SHARING_ID_CHARS, 'Q');
-  const struct {
-    std::string query;
-    std::string expected;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"api=Probe.Private&method=get&version=1&_sharing_id=" + open, Error(126)},
       {Shared(unknown), Error(126)},
       {Shared("not-an-id"), Error(126)},
@@ -107,7 +104,7 @@ TEST_F(SharingTest, EachRefusalReachesItsCode) {
       {Shared(Link({{"Probe.Shared:get"}})), Error(127)},  // the checker: method not admitted
       {Shared(open, "list", "/docs/../etc"), Error(127)},  // the checker: outside the item
   };
-  for (const auto& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
+  for (const auto& [query, expected] : cases) EXPECT_EQ(Get(query).out, expected) << query;
 }
 
 TEST_F(SharingTest, AdmittedCallsReachTheHandler) {
@@ -136,11 +133,7 @@ TEST_F(SharingTest, AdmittedCallsReachTheHandler) {
 
 TEST_F(SharingTest, ParameterWinsOverHeaderAndCookie) {
   const std::string cookie = std::string(MERO::sharing::SZK_SHARING_SID) + "=s1";
-  const struct {
-    std::string query;
-    Env env;
-    std::string ids;
-  } cases[] = {
+  const struct { std::string query; Env env; std::string ids; } cases[] = {
       {"_sharing_id=abc", {{"HTTP_X_MERO_SHARING", "xyz"}}, R"("sharingId":"abc","sharingSid":"")"},
       {"", {{"HTTP_X_MERO_SHARING", "xyz"}}, R"("sharingId":"xyz","sharingSid":"")"},
       {"_sharing_id=abc&_sharing_sid=p1", {{"HTTP_COOKIE", cookie}},
