@@ -5,17 +5,14 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <string>
 
-#include "ApplianceRootEnv.h"
-#include "ChildProcess.h"
+#include "ProbeRequest.h"
 #include "merocgi.h"
 
 namespace {
 
-using Env = std::map<std::string, std::string>;
-using webapi_test::WriteRootFile;
+using namespace webapi_test;
 
 constexpr char kDescription[] = R"({
   "Probe.Item": {"minVersion": 1, "maxVersion": 2,
@@ -23,15 +20,34 @@ constexpr char kDescription[] = R"({
                  "allowDownload": {"2": ["export"]}},
   "Probe.Broken": {"minVersion": 1}
 })";
+constexpr char kItemGet[] = "api=Probe.Item&method=get&version=1";
 
-constexpr char kJsonHeader[] = "Content-type: text/plain; charset=\"UTF-8\"\r\n\r\n";
-
-std::string Envelope(const std::string& json) { return kJsonHeader + json + "\n"; }
-std::string Error(int code) {
-  return Envelope(R"({"error":{"code":)" + std::to_string(code) + R"(},"success":false})");
+// A session in `registry` from 127.0.0.1.
+std::string NewSession(const char* registry = "probe", const char* privileges = nullptr,
+                       bool endOthers = false, const char* user = "alice", long long lifetime = 0) {
+  char id[MERO_CGI_SESSION_ID_CHARS + 1];
+  EXPECT_EQ(MeroCgiSessionCreate(registry, user, "127.0.0.1", lifetime, privileges, endOthers, id,
+                                 sizeof id),
+            MERO_SESSION_AUTHORIZED);
+  return id;
 }
 
-class ApiPipelineTest : public webapi_test::ApplianceRootTest {
+// The probe's answer to `query` with `sid` in the session cookie.
+std::string AsSession(const std::string& sid, const std::string& query = kItemGet, Env env = {}) {
+  env["HTTP_COOKIE"] = "id=" + sid;
+  return Get(query, env).out;
+}
+
+// The probe on a multipart POST of `body`.
+ChildResult Upload(const std::string& body, Env env) {
+  env["REQUEST_METHOD"] = "POST";
+  env["CONTENT_TYPE"] = "multipart/form-data; boundary=b";
+  env["CONTENT_LENGTH"] = std::to_string(body.size());
+  env["MERO_APPLIANCE_ROOT"] = ApplianceRoot().string();
+  return RunChild(API_PROBE_PATH, env, body);
+}
+
+class ApiPipelineTest : public ApplianceRootTest {
  protected:
   void SetUp() override {
     ApplianceRootTest::SetUp();
@@ -40,38 +56,11 @@ class ApiPipelineTest : public webapi_test::ApplianceRootTest {
     WriteRootFile("usr/mero/meroman/webapi/probeadmin.auth",
                   R"({"ip_checking": true, "privilege": "admin"})");
   }
-
-  // A session in `registry` for alice from 127.0.0.1.
-  std::string NewSession(const char* registry = "probe", const char* privileges = nullptr,
-                         bool endOthers = false, const char* user = "alice",
-                         long long lifetime = 0) {
-    char id[MERO_CGI_SESSION_ID_CHARS + 1];
-    EXPECT_EQ(MeroCgiSessionCreate(registry, user, "127.0.0.1", lifetime, privileges, endOthers,
-                                   id, sizeof id),
-              MERO_SESSION_AUTHORIZED);
-    return id;
-  }
-
-  // Runs the probe on a GET with `query`; returns its standard output.
-  webapi_test::ChildResult Get(const std::string& query, Env env = {}) {
-    env["REQUEST_METHOD"] = "GET";
-    env["QUERY_STRING"] = query;
-    env["MERO_APPLIANCE_ROOT"] = root().string();
-    if (!env.count("REMOTE_ADDR")) env["REMOTE_ADDR"] = "127.0.0.1";
-    if (!env.count("PROBE_SESSION")) env["PROBE_SESSION"] = "probe";
-    webapi_test::ChildResult child = webapi_test::RunChild(API_PROBE_PATH, env, "");
-    EXPECT_EQ(child.exitStatus, 0) << child.err;
-    return child;
-  }
-
 };
 
 TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
   const std::string item = "api=Probe.Item&";
-  struct Case {
-    std::string query;
-    std::string expected;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"method=get&version=1", Error(101)},
       {item + "version=1", Error(101)},
       {item + "method=get", Error(101)},
@@ -85,7 +74,7 @@ TEST_F(ApiPipelineTest, ValidationCodesComeBeforeAnySessionCheck) {
       // Valid, but no session: only now does the session check answer.
       {item + "method=GET&version=2", Error(105)},
   };
-  for (const Case& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
+  for (const auto& [query, expected] : cases) EXPECT_EQ(Get(query).out, expected) << query;
 }
 
 // The api name is the request's: cut to 256 bytes, with control bytes
@@ -100,7 +89,7 @@ TEST_F(ApiPipelineTest, UnknownApiIsLoggedOnceAsOneLine) {
       {flood, flood.substr(0, 256) + "..."},
   };
   for (const auto& [api, logged] : cases) {
-    const webapi_test::ChildResult child = Get("api=" + api + "&method=get&version=1");
+    const ChildResult child = Get("api=" + api + "&method=get&version=1");
     EXPECT_EQ(child.out, Error(102));
     const std::string line = "Bad API(" + logged + ") description.\n";
     const size_t first = child.err.find(line);
@@ -117,14 +106,7 @@ TEST_F(ApiPipelineTest, UploadWithoutUploadHandlerIsLoggedAndGoesOn) {
   // string of a POST still is, so such a request goes on to the session check.
   for (const auto& [query, expected] : {std::pair<std::string, std::string>{"", Error(101)},
                                         {"api=Probe.Item&method=get&version=1", Error(105)}}) {
-    const webapi_test::ChildResult child = webapi_test::RunChild(
-        API_PROBE_PATH,
-        {{"REQUEST_METHOD", "POST"},
-         {"CONTENT_TYPE", "multipart/form-data; boundary=b"},
-         {"CONTENT_LENGTH", std::to_string(body.size())},
-         {"QUERY_STRING", query},
-         {"MERO_APPLIANCE_ROOT", root().string()}},
-        body);
+    const ChildResult child = Upload(body, {{"QUERY_STRING", query}});
     EXPECT_EQ(child.out, expected) << query;
     EXPECT_NE(child.err.find("UnHandled Upload File Operation."), std::string::npos) << child.err;
   }
@@ -146,14 +128,9 @@ TEST_F(ApiPipelineTest, UploadHookReceivesTheFilesAndTheBodyNamesTheRequest) {
   WriteRootFile("mounts", "a " + root().string() + "/ro ext4 ro 0 0\n");
   WriteRootFile("etc/meroinfo.conf", "mount_table=\"" + root().string() + "/mounts\"\n" +
                                          "storage_volumes=\"" + root().string() + "/*\"\n");
-  const struct {
-    const char* label;
-    std::string uploadDir;
-    bool noDisks;
-    std::string body;
-    std::string answer;
-    const char* logged;
-    std::string stored;  // where report.txt must be, "" for nowhere
+  const struct {  // stored: where report.txt must be, "" for nowhere
+    const char* label; std::string uploadDir; bool noDisks; std::string body, answer;
+    const char* logged; std::string stored;
   } cases[] = {
       {"into a named directory", up, false, good, uploaded, nullptr, up},
       {"no disks: /tmp under the root", "-", true, good, uploaded, nullptr, tmp},
@@ -163,20 +140,10 @@ TEST_F(ApiPipelineTest, UploadHookReceivesTheFilesAndTheBodyNamesTheRequest) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     if (c.noDisks) WriteRootFile("etc.defaults/meroinfo.conf", "maxdisks=\"0\"\n");
-    const webapi_test::ChildResult child = webapi_test::RunChild(
-        API_PROBE_PATH,
-        {{"REQUEST_METHOD", "POST"},
-         {"CONTENT_TYPE", "multipart/form-data; boundary=b"},
-         {"CONTENT_LENGTH", std::to_string(c.body.size())},
-         {"MERO_APPLIANCE_ROOT", root().string()},
-         {"PROBE_NO_CHECK", "1"},
-         {"PROBE_UPLOAD", c.uploadDir}},
-        c.body);
+    const ChildResult child = Upload(c.body, {{"PROBE_NO_CHECK", "1"}, {"PROBE_UPLOAD", c.uploadDir}});
     std::filesystem::remove(root() / "etc.defaults/meroinfo.conf");
     EXPECT_EQ(child.out, c.answer);
-    if (c.logged) {
-      EXPECT_NE(child.err.find(c.logged), std::string::npos) << child.err;
-    }
+    EXPECT_TRUE(!c.logged || child.err.find(c.logged) != std::string::npos) << child.err;
     for (const std::string& dir : {up, tmp}) {
       EXPECT_EQ(std::filesystem::exists(dir + "/report.txt"), dir == c.stored) << dir;
       std::filesystem::remove(dir + "/report.txt");
@@ -187,99 +154,72 @@ TEST_F(ApiPipelineTest, UploadHookReceivesTheFilesAndTheBodyNamesTheRequest) {
 TEST_F(ApiPipelineTest, MalformedOrMissingDescriptionRefusesEveryApi) {
   WriteRootFile("usr/mero/meroman/webapi/broken.api", R"({"Probe.Item": {"minVersion": 1,)");
   for (const char* file : {"broken.api", "missing.api"})
-    EXPECT_EQ(Get("api=Probe.Item&method=get&version=1", {{"PROBE_DESCRIPTION", file}}).out,
-              Error(102))
-        << file;
+    EXPECT_EQ(Get(kItemGet, {{"PROBE_DESCRIPTION", file}}).out, Error(102)) << file;
 }
 
 TEST_F(ApiPipelineTest, SessionResultsBecomeTheirCodes) {
-  const std::string query = "api=Probe.Item&method=get&version=1";
   const std::string success =
       Envelope(R"({"data":{"api":"Probe.Item","method":"get","tokenLength":32,)"
                R"("user":"alice","version":1},"success":true})");
-
   const std::string valid = NewSession();
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}}).out, success);
-
+  EXPECT_EQ(AsSession(valid), success);
   // A well-formed id that names no session, and one that is not an id.
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + std::string(43, 'A')}}).out, Error(105));
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=short"}}).out, Error(105));
-
+  EXPECT_EQ(AsSession(std::string(43, 'A')), Error(105));
+  EXPECT_EQ(AsSession("short"), Error(105));
   // Used from another address; the same address written another way is the same.
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}, {"REMOTE_ADDR", "10.0.0.9"}}).out,
-            Error(107));
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + valid}, {"REMOTE_ADDR", "::ffff:127.0.0.1"}}).out,
-            success);
-
+  EXPECT_EQ(AsSession(valid, kItemGet, {{"REMOTE_ADDR", "10.0.0.9"}}), Error(107));
+  EXPECT_EQ(AsSession(valid, kItemGet, {{"REMOTE_ADDR", "::ffff:127.0.0.1"}}), success);
   // Past its one-second lifetime (seconds are whole: two must pass).
   const std::string brief = NewSession("probe", nullptr, false, "alice", 1);
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + brief}}).out, success);
+  EXPECT_EQ(AsSession(brief), success);
   sleep(2);
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + brief}}).out, Error(106));
-
+  EXPECT_EQ(AsSession(brief), Error(106));
   // Ended by a later login of the same user.
   const std::string older = NewSession();
-  const std::string newer = NewSession("probe", nullptr, true);
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + older}}).out, Error(107));
-  EXPECT_EQ(Get(query, {{"HTTP_COOKIE", "id=" + newer}}).out, success);
+  EXPECT_EQ(AsSession(NewSession("probe", nullptr, true)), success);
+  EXPECT_EQ(AsSession(older), Error(107));
 }
 
 // Logins need PAM, ordinary requests must not pay for it: an authorized
 // request maps no PAM library (the probe lists what it mapped).
 TEST_F(ApiPipelineTest, AnOrdinaryRequestMapsNoLoginLibrary) {
-  const webapi_test::ChildResult child = Get(
-      "api=Probe.Item&method=get&version=1", {{"HTTP_COOKIE", "id=" + NewSession()}, {"PROBE_MAPS", "1"}});
-  EXPECT_NE(child.out.find(R"("success":true)"), std::string::npos);
+  const ChildResult child =
+      Get(kItemGet, {{"HTTP_COOKIE", "id=" + NewSession()}, {"PROBE_MAPS", "1"}});
+  EXPECT_TRUE(Succeeded(child));
   EXPECT_NE(child.err.find("mapped /"), std::string::npos) << "the probe listed nothing";
   EXPECT_NE(child.err.find("libwebapi.so"), std::string::npos) << child.err;
   EXPECT_EQ(child.err.find("libpam"), std::string::npos) << child.err;
   EXPECT_EQ(child.err.find("pam_"), std::string::npos) << child.err;
 }
 
-TEST_F(ApiPipelineTest, PrivilegeOfTheSessionName) {
-  const std::string query = "api=Probe.Item&method=get&version=1";
+TEST_F(ApiPipelineTest, WhichSessionARequestFinds) {
   const Env admin = {{"PROBE_SESSION", "probeadmin"}};
-  Env without = admin, with = admin;
-  without["HTTP_COOKIE"] = "id=" + NewSession("probeadmin");
-  with["HTTP_COOKIE"] = "id=" + NewSession("probeadmin", "backup admin");
-  EXPECT_EQ(Get(query, without).out, Error(105));
-  EXPECT_NE(Get(query, with).out.find(R"("success":true)"), std::string::npos);
+  // The session name's privilege is required of the session.
+  EXPECT_EQ(AsSession(NewSession("probeadmin"), kItemGet, admin), Error(105));
+  EXPECT_NE(AsSession(NewSession("probeadmin", "backup admin"), kItemGet, admin)
+                .find(R"("success":true)"),
+            std::string::npos);
+  // The _sid parameter stands in for the cookie; an empty one is none.
+  const std::string valid = NewSession(), bogus(43, 'B');
+  const std::string query = std::string(kItemGet) + "&_sid=";
+  EXPECT_NE(AsSession(bogus, query + valid).find(R"("user":"alice")"), std::string::npos);
+  EXPECT_EQ(AsSession(valid, query + bogus), Error(105));
+  EXPECT_NE(AsSession(valid, query).find(R"("success":true)"), std::string::npos);
+  // A session of the default registry is found by fallback.
+  EXPECT_NE(AsSession(NewSession("current.users", nullptr, false, "bob")).find(R"("user":"bob")"),
+            std::string::npos);
 }
 
-TEST_F(ApiPipelineTest, SidParameterStandsInForTheCookie) {
+TEST_F(ApiPipelineTest, DownloadsFailuresAndUncheckedRuns) {
   const std::string valid = NewSession();
-  const std::string query = "api=Probe.Item&method=get&version=1&_sid=";
-  const std::string bogus = std::string(43, 'B');
-  EXPECT_NE(Get(query + valid, {{"HTTP_COOKIE", "id=" + bogus}}).out.find(R"("user":"alice")"),
-            std::string::npos);
-  EXPECT_EQ(Get(query + bogus, {{"HTTP_COOKIE", "id=" + valid}}).out, Error(105));
-  // An empty _sid is no _sid: the cookie decides.
-  EXPECT_NE(Get(query, {{"HTTP_COOKIE", "id=" + valid}}).out.find(R"("success":true)"),
-            std::string::npos);
-}
-
-TEST_F(ApiPipelineTest, SessionOfTheDefaultRegistryIsFoundByFallback) {
-  const std::string session = NewSession("current.users", nullptr, false, "bob");
-  EXPECT_NE(Get("api=Probe.Item&method=get&version=1", {{"HTTP_COOKIE", "id=" + session}})
-                .out.find(R"("user":"bob")"),
-            std::string::npos);
-}
-
-TEST_F(ApiPipelineTest, DownloadMethodWritesOnlyWhatTheHandlerWrites) {
-  const std::string valid = NewSession();
-  const Env cookie = {{"HTTP_COOKIE", "id=" + valid}};
-  EXPECT_EQ(Get("api=Probe.Item&method=EXPORT&version=2", cookie).out,
+  EXPECT_EQ(AsSession(valid, "api=Probe.Item&method=EXPORT&version=2"),
             "Content-type: application/octet-stream\r\n\r\nexported bytes");
   // Refused download: nothing at all, not even an envelope.
   EXPECT_EQ(Get("api=Probe.Item&method=export&version=2").out, "");
   // "02" validates as version 2, but allowDownload is keyed by "2" only and
   // "methods" has no "02": 103.
-  EXPECT_EQ(Get("api=Probe.Item&method=export&version=02", cookie).out, Error(103));
-}
-
-TEST_F(ApiPipelineTest, HandlerResultsAndUncheckedRuns) {
-  const std::string valid = NewSession();
-  EXPECT_EQ(Get("api=Probe.Item&method=fail&version=2", {{"HTTP_COOKIE", "id=" + valid}}).out,
+  EXPECT_EQ(AsSession(valid, "api=Probe.Item&method=export&version=02"), Error(103));
+  EXPECT_EQ(AsSession(valid, "api=Probe.Item&method=fail&version=2"),
             Envelope(R"({"error":{"code":400,"errors":{"name":"x"}},"success":false})"));
   // Run(false): no session needed, and the envelope is still written.
   EXPECT_EQ(Get("api=Probe.Item&method=list&version=1", {{"PROBE_NO_CHECK", "1"}}).out,

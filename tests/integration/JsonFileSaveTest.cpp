@@ -129,20 +129,15 @@ TEST_F(JsonFileSaveTest, AWriterKilledAtAnySystemCallLeavesOneWholeDocument) {
       waitpid(writer, &status, 0);
       if (WIFEXITED(status) && WEXITSTATUS(status) == kSkipped) GTEST_SKIP() << "no ptrace";
       ASSERT_TRUE(WIFSTOPPED(status));
-      bool finished = false;
-      for (int stops = 0;; ++stops) {
-        if (stops == killAt) {
-          kill(writer, SIGKILL);
-          waitpid(writer, &status, 0);
-          break;
-        }
+      for (int stops = 0; stops < killAt && !WIFEXITED(status); ++stops) {
         ptrace(PTRACE_SYSCALL, writer, nullptr, nullptr);
         waitpid(writer, &status, 0);
-        if (WIFEXITED(status)) {
-          finished = true;
-          EXPECT_EQ(WEXITSTATUS(status), 0);
-          break;
-        }
+      }
+      const bool finished = WIFEXITED(status);
+      EXPECT_TRUE(!finished || WEXITSTATUS(status) == 0);
+      if (!finished) {
+        kill(writer, SIGKILL);
+        waitpid(writer, &status, 0);
       }
       Json::Value found;
       ASSERT_TRUE(ReadJsonFile(found, path_.c_str()));

@@ -4,21 +4,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ApplianceRootEnv.h"
-#include "ChildProcess.h"
+#include "ProbeRequest.h"
 #include "merosharing.h"
 
 namespace {
 
-using Env = std::map<std::string, std::string>;
+using namespace webapi_test;
 
 constexpr char kDescription[] = R"({
   "Probe.Shared": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["list", "get"]},
@@ -27,13 +26,6 @@ constexpr char kDescription[] = R"({
                       "allowSharing": true, "skipSharingAppCheck": true},
   "Probe.Private": {"minVersion": 1, "maxVersion": 1, "methods": {"1": ["get"]}}
 })";
-
-constexpr char kJsonHeader[] = "Content-type: text/plain; charset=\"UTF-8\"\r\n\r\n";
-
-std::string Error(int code) {
-  return kJsonHeader + (R"({"error":{"code":)" + std::to_string(code) + R"(},"success":false})") +
-         "\n";
-}
 
 struct LinkOptions {
   std::vector<const char*> apis = {"Probe.Shared"};
@@ -44,63 +36,51 @@ struct LinkOptions {
   bool enabled = true;
 };
 
-class SharingTest : public webapi_test::ApplianceRootTest {
+std::string Link(const LinkOptions& options = {}) {
+  MEROSHARING_LINK_INFO link{};
+  link.item = options.item;
+  link.apis = options.apis.data();
+  link.apiCount = static_cast<int>(options.apis.size());
+  link.owner = "alice";
+  link.expires = options.expires;
+  link.accessLimit = options.limit;
+  link.enabled = options.enabled;
+  char id[MERO_SHARING_ID_CHARS + 1];
+  EXPECT_EQ(MeroSharingLinkCreate(&link, options.password, id, sizeof id), MERO_SHARING_AUTHORIZED);
+  return id;
+}
+
+// The outcome of opening a session; `sid` receives the session id.
+int Open(const std::string& link, const char* password, const char* client, char* sid,
+         const char* current = nullptr, int* retryAfter = nullptr) {
+  return MeroSharingSessionOpen(link.c_str(), password, client, current, sid,
+                                MERO_SHARING_ID_CHARS + 1, retryAfter);
+}
+
+std::string OpenSession(const std::string& link, const char* password,
+                        const char* client = "127.0.0.1", const char* current = nullptr) {
+  char sid[MERO_SHARING_ID_CHARS + 1];
+  EXPECT_EQ(Open(link, password, client, sid, current), MERO_SHARING_OPENED);
+  return sid;
+}
+
+std::string Shared(const std::string& link, const char* method = "list",
+                   const char* path = "/docs/a.txt") {
+  return std::string("api=Probe.Shared&version=1&method=") + method + "&path=" + path +
+         "&_sharing_id=" + link;
+}
+
+class SharingTest : public ApplianceRootTest {
  protected:
   void SetUp() override {
     ApplianceRootTest::SetUp();
-    webapi_test::WriteRootFile("usr/mero/meroman/webapi/sharing.api", kDescription);
-    webapi_test::WriteRootFile("usr/mero/meroman/webapi/probe.auth", R"({"timeout": 30})");
+    WriteRootFile("usr/mero/meroman/webapi/probe.api", kDescription);
+    WriteRootFile("usr/mero/meroman/webapi/probe.auth", R"({"timeout": 30})");
     std::filesystem::create_directories(root() / "usr/mero/bin");
     std::filesystem::create_symlink(SHARING_CHECKER_PATH,
                                     root() / "usr/mero/bin/merosharingchecker");
   }
-
-  static std::string Link(const LinkOptions& options = {}) {
-    MEROSHARING_LINK_INFO link{};
-    link.item = options.item;
-    link.apis = options.apis.data();
-    link.apiCount = static_cast<int>(options.apis.size());
-    link.owner = "alice";
-    link.expires = options.expires;
-    link.accessLimit = options.limit;
-    link.enabled = options.enabled;
-    char id[MERO_SHARING_ID_CHARS + 1];
-    EXPECT_EQ(MeroSharingLinkCreate(&link, options.password, id, sizeof id), MERO_SHARING_AUTHORIZED);
-    return id;
-  }
-
-  static std::string OpenSession(const std::string& link, const char* password,
-                                 const char* client = "127.0.0.1", const char* current = nullptr) {
-    char sid[MERO_SHARING_ID_CHARS + 1];
-    EXPECT_EQ(MeroSharingSessionOpen(link.c_str(), password, client, current, sid, sizeof sid,
-                                     nullptr),
-              MERO_SHARING_OPENED);
-    return sid;
-  }
-
-  // The probe on a GET with `query`; its standard output.
-  webapi_test::ChildResult Get(const std::string& query, Env env = {}) {
-    env["REQUEST_METHOD"] = "GET";
-    env["QUERY_STRING"] = query;
-    env["MERO_APPLIANCE_ROOT"] = root().string();
-    env["PROBE_DESCRIPTION"] = "sharing.api";
-    env["PROBE_SESSION"] = "probe";
-    if (!env.count("REMOTE_ADDR")) env["REMOTE_ADDR"] = "127.0.0.1";
-    webapi_test::ChildResult child = webapi_test::RunChild(API_PROBE_PATH, env, "");
-    EXPECT_EQ(child.exitStatus, 0) << child.err;
-    return child;
-  }
-
-  static std::string Shared(const std::string& link, const char* method = "list",
-                            const char* path = "/docs/a.txt") {
-    return std::string("api=Probe.Shared&version=1&method=") + method + "&path=" + path +
-           "&_sharing_id=" + link;
-  }
 };
-
-bool Succeeded(const webapi_test::ChildResult& child) {
-  return child.out.find(R"("success":true)") != std::string::npos;
-}
 
 TEST_F(SharingTest, EachRefusalReachesItsCode) {
   const std::string open = Link();
@@ -111,10 +91,7 @@ TEST_F(SharingTest, EachRefusalReachesItsCode) {
   const std::string used = Link({{"Probe.Shared"}, "/docs", 0, 1});
   ASSERT_TRUE(Succeeded(Get(Shared(used))));
   const std::string unknown(MERO_SHARING_ID_CHARS, 'Q');
-  const struct {
-    std::string query;
-    std::string expected;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"api=Probe.Private&method=get&version=1&_sharing_id=" + open, Error(126)},
       {Shared(unknown), Error(126)},
       {Shared("not-an-id"), Error(126)},
@@ -127,7 +104,7 @@ TEST_F(SharingTest, EachRefusalReachesItsCode) {
       {Shared(Link({{"Probe.Shared:get"}})), Error(127)},  // the checker: method not admitted
       {Shared(open, "list", "/docs/../etc"), Error(127)},  // the checker: outside the item
   };
-  for (const auto& c : cases) EXPECT_EQ(Get(c.query).out, c.expected) << c.query;
+  for (const auto& [query, expected] : cases) EXPECT_EQ(Get(query).out, expected) << query;
 }
 
 TEST_F(SharingTest, AdmittedCallsReachTheHandler) {
@@ -156,11 +133,7 @@ TEST_F(SharingTest, AdmittedCallsReachTheHandler) {
 
 TEST_F(SharingTest, ParameterWinsOverHeaderAndCookie) {
   const std::string cookie = std::string(MERO::sharing::SZK_SHARING_SID) + "=s1";
-  const struct {
-    std::string query;
-    Env env;
-    std::string ids;
-  } cases[] = {
+  const struct { std::string query; Env env; std::string ids; } cases[] = {
       {"_sharing_id=abc", {{"HTTP_X_MERO_SHARING", "xyz"}}, R"("sharingId":"abc","sharingSid":"")"},
       {"", {{"HTTP_X_MERO_SHARING", "xyz"}}, R"("sharingId":"xyz","sharingSid":"")"},
       {"_sharing_id=abc&_sharing_sid=p1", {{"HTTP_COOKIE", cookie}},
@@ -180,19 +153,14 @@ TEST_F(SharingTest, ParameterWinsOverHeaderAndCookie) {
 TEST_F(SharingTest, ConcurrentRequestsAdmitExactlyTheLimit) {
   constexpr int kRequests = 8, kLimit = 3;
   const std::string link = Link({{"Probe.Shared"}, "/docs", 0, kLimit});
-  std::vector<std::string> answers(kRequests);
+  std::vector<ChildResult> answers(kRequests);
   std::vector<std::thread> requests;
   for (int i = 0; i < kRequests; ++i)
-    requests.emplace_back([&, i] { answers[i] = Get(Shared(link)).out; });
+    requests.emplace_back([&, i] { answers[i] = Get(Shared(link)); });
   for (std::thread& request : requests) request.join();
-  int admitted = 0;
-  for (const std::string& answer : answers) {
-    if (answer.find(R"("success":true)") != std::string::npos)
-      ++admitted;
-    else
-      EXPECT_EQ(answer, Error(124));
-  }
-  EXPECT_EQ(admitted, kLimit);
+  for (const ChildResult& answer : answers)
+    EXPECT_TRUE(Succeeded(answer) || answer.out == Error(124)) << answer.out;
+  EXPECT_EQ(std::count_if(answers.begin(), answers.end(), Succeeded), kLimit);
 }
 
 TEST_F(SharingTest, RevokedOrDisabledWhileInUse) {
@@ -221,15 +189,15 @@ TEST_F(SharingTest, AStoreThatCannotBeReadIs101) {
 // no password library; a sharing request maps the store, never libcrypt.
 TEST_F(SharingTest, OnlySharingRequestsOpenTheStore) {
   const std::string link = Link();
-  const webapi_test::ChildResult ordinary =
+  const ChildResult ordinary =
       Get("api=Probe.Shared&method=get&version=1", {{"PROBE_MAPS", "1"}});
   EXPECT_NE(ordinary.err.find("libwebapi.so"), std::string::npos) << ordinary.err;
   EXPECT_EQ(ordinary.err.find("links.mdb"), std::string::npos) << ordinary.err;
-  const webapi_test::ChildResult shared = Get(Shared(link), {{"PROBE_MAPS", "1"}});
+  const ChildResult shared = Get(Shared(link), {{"PROBE_MAPS", "1"}});
   EXPECT_TRUE(Succeeded(shared));
   EXPECT_NE(shared.err.find("links.mdb"), std::string::npos) << shared.err;
 #ifndef WEBAPI_SANITIZED  // sanitizer builds load libcrypt at start-up for PAM modules
-  for (const webapi_test::ChildResult* child : {&ordinary, &shared})
+  for (const ChildResult* child : {&ordinary, &shared})
     EXPECT_EQ(child->err.find("libcrypt"), std::string::npos) << child->err;
 #endif
 }
@@ -238,24 +206,17 @@ TEST_F(SharingTest, WrongPasswordsAreThrottledEvenForTheRightOne) {
   const std::string link = Link({{"Probe.Shared"}, "/docs", 0, 0, "right-horse"});
   char sid[MERO_SHARING_ID_CHARS + 1];
   int retryAfter = 0;
+  const auto open = [&](const char* password, const char* client) {
+    return Open(link, password, client, sid, nullptr, &retryAfter);
+  };
   for (int attempt = 1; attempt < MERO_SHARING_THROTTLE_LINK_LIMIT; ++attempt)
-    ASSERT_EQ(MeroSharingSessionOpen(link.c_str(), "wrong", "192.0.2.1", nullptr, sid, sizeof sid,
-                                     &retryAfter),
-              MERO_SHARING_WRONG_PASSWORD)
-        << attempt;
+    ASSERT_EQ(open("wrong", "192.0.2.1"), MERO_SHARING_WRONG_PASSWORD) << attempt;
   // The right password within the limit opens, and clears the link's count.
-  EXPECT_EQ(MeroSharingSessionOpen(link.c_str(), "right-horse", "192.0.2.1", nullptr, sid,
-                                   sizeof sid, &retryAfter),
-            MERO_SHARING_OPENED);
+  EXPECT_EQ(open("right-horse", "192.0.2.1"), MERO_SHARING_OPENED);
   for (int attempt = 1; attempt <= MERO_SHARING_THROTTLE_LINK_LIMIT; ++attempt)
-    ASSERT_EQ(MeroSharingSessionOpen(link.c_str(), "wrong", "192.0.2.2", nullptr, sid, sizeof sid,
-                                     &retryAfter),
-              MERO_SHARING_WRONG_PASSWORD)
-        << attempt;
+    ASSERT_EQ(open("wrong", "192.0.2.2"), MERO_SHARING_WRONG_PASSWORD) << attempt;
   // Locked now, for every address, and the password is not even checked.
-  EXPECT_EQ(MeroSharingSessionOpen(link.c_str(), "right-horse", "192.0.2.3", nullptr, sid,
-                                   sizeof sid, &retryAfter),
-            MERO_SHARING_THROTTLED);
+  EXPECT_EQ(open("right-horse", "192.0.2.3"), MERO_SHARING_THROTTLED);
   EXPECT_EQ(sid[0], '\0');
   EXPECT_GT(retryAfter, MERO_SHARING_THROTTLE_LOCK - 3);
   EXPECT_LE(retryAfter, MERO_SHARING_THROTTLE_LOCK);

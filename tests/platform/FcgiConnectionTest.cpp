@@ -97,11 +97,7 @@ TEST(FcgiConnection, AnswersQueriesAndRefusals) {
   std::string tooMuch = kBegin;
   for (int i = 0; i < 5; ++i) tooMuch += Rec(4, 1, std::string(60000, 'p'));
   const std::string role2 = Rec(1, 1, std::string("\0\2\0\0\0\0\0\0", 8));
-  const struct {
-    std::string input;
-    Start start;
-    std::string summary;
-  } cases[] = {
+  const struct { std::string input; Start start; std::string summary; } cases[] = {
       {Rec(9, 0, std::string("\x0e\0FCGI_MAX_CONNS\x0f\0FCGI_MPXS_CONNS", 33)) + kNoParams,
        Start::kReady, "FCGI_MAX_CONNS=7 FCGI_MPXS_CONNS=0 \n"},
       {role2, Start::kAnswered, "end1 0/3\n"},
@@ -114,13 +110,10 @@ TEST(FcgiConnection, AnswersQueriesAndRefusals) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.summary);
-    EXPECT_EQ(Summary(Exchange(c.input,
-                               [&](int fd) {
-                                 EXPECT_EQ(
-                                     FcgiConnection(fd, nullptr, 7).ReadRequest([](auto, auto) {}),
-                                     c.start);
-                               })),
-              c.summary);
+    const std::string out = Exchange(c.input, [&](int fd) {
+      EXPECT_EQ(FcgiConnection(fd, nullptr, 7).ReadRequest([](auto, auto) {}), c.start);
+    });
+    EXPECT_EQ(Summary(out), c.summary);
   }
 }
 
@@ -140,11 +133,7 @@ TEST(FcgiConnection, SplitsALargeResponseIntoRecords) {
 }
 
 TEST(FcgiConnection, ConcludesARequestItsChildLeft) {
-  const struct {
-    bool written;
-    const char* status;
-    std::string summary;
-  } cases[] = {
+  const struct { bool written; const char* status; std::string summary; } cases[] = {
       {false, "504 Gateway Timeout", "out9 Status: 504 Gateway Timeout\nout9 0\nend9 0/0\n"},
       {false, "500 Internal Server Error",
        "out9 Status: 500 Internal Server Error\nout9 0\nend9 0/0\n"},
@@ -152,12 +141,10 @@ TEST(FcgiConnection, ConcludesARequestItsChildLeft) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.summary);
-    EXPECT_EQ(Summary(Exchange("",
-                               [&](int fd) {
-                                 EXPECT_TRUE(FcgiConnection::Conclude(fd, 9, c.written, c.status,
-                                                                      "Gone.\n"));
-                               })),
-              c.summary);
+    const std::string out = Exchange("", [&](int fd) {
+      EXPECT_TRUE(FcgiConnection::Conclude(fd, 9, c.written, c.status, "Gone.\n"));
+    });
+    EXPECT_EQ(Summary(out), c.summary);
   }
 }
 

@@ -22,10 +22,7 @@ std::string Hex(const merocgi::Sha256Digest& digest) {
 }
 
 TEST(Sha256Test, KnownAnswers) {
-  struct Case {
-    std::string message;
-    const char* digest;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
       {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
       // 56 bytes: the length no longer fits the first block.
@@ -37,9 +34,8 @@ TEST(Sha256Test, KnownAnswers) {
       {std::string(1000000, 'a'),
        "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(Hex(merocgi::Sha256(c.message.data(), c.message.size())), c.digest)
-        << c.message.size() << " bytes";
+  for (const auto& [message, digest] : cases)
+    EXPECT_EQ(Hex(merocgi::Sha256(message.data(), message.size())), digest) << message.size();
 }
 
 TEST(SessionKeysTest, NewIdentifiersHaveTheirShapeAndDiffer) {
@@ -58,13 +54,9 @@ TEST(SessionKeysTest, NewIdentifiersHaveTheirShapeAndDiffer) {
 
 TEST(SessionKeysTest, RegistryNames) {
   const std::pair<const char*, const char*> cases[] = {
-      {"zel", "zel.current.users"},
-      {"MyApp", "myapp.current.users"},
-      {"myapp.current.users", "myapp.current.users"},
-      {"MyApp.Current.Users", "myapp.current.users"},
-      {"current.users", "current.users"},
-      {"", "current.users"},
-      {nullptr, "current.users"},
+      {"zel", "zel.current.users"},  {"MyApp", "myapp.current.users"},
+      {"myapp.current.users", "myapp.current.users"}, {"MyApp.Current.Users", "myapp.current.users"},
+      {"current.users", "current.users"}, {"", "current.users"}, {nullptr, "current.users"},
       {"xcurrent.users", "xcurrent.users.current.users"},
   };
   for (const auto& [given, stored] : cases)
@@ -72,34 +64,21 @@ TEST(SessionKeysTest, RegistryNames) {
 }
 
 TEST(SessionKeysTest, ClientAddresses) {
-  struct Case {
-    const char* stored;
-    const char* current;
-    bool same;
-  } cases[] = {
-      {"127.0.0.1", "127.0.0.1", true},
-      {"127.0.0.1", "::ffff:127.0.0.1", true},
-      {"::1", "0:0:0:0:0:0:0:1", true},
-      {"2001:db8::1", "2001:DB8::1", true},
-      {"127.0.0.1", "127.0.0.2", false},
-      {"::1", "127.0.0.1", false},
+  const struct { const char* stored; const char* current; bool same; } cases[] = {
+      {"127.0.0.1", "127.0.0.1", true},   {"127.0.0.1", "::ffff:127.0.0.1", true},
+      {"::1", "0:0:0:0:0:0:0:1", true},   {"2001:db8::1", "2001:DB8::1", true},
+      {"127.0.0.1", "127.0.0.2", false},  {"::1", "127.0.0.1", false},
       {"127.0.0.1", "127.0.0.1 ", false},  // not an address: compared as text
-      {"unix", "unix", true},
-      {"", "127.0.0.1", false},
+      {"unix", "unix", true},             {"", "127.0.0.1", false},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
     EXPECT_EQ(merocgi::SameClientAddress(c.stored, c.current), c.same)
         << c.stored << " vs " << c.current;
 }
 
 TEST(SessionKeysTest, Expiry) {
   const int64_t created = 1000000, now = created + 7200;
-  struct Case {
-    int64_t lifetime;
-    int64_t idleSeconds;  // now - lastSeen
-    int timeoutMinutes;
-    bool expired;
-  } cases[] = {
+  const struct { int64_t lifetime, idleSeconds; int timeoutMinutes; bool expired; } cases[] = {
       {0, 0, 30, false},          {0, 30 * 60 + 60, 30, false},  // the limit and a touch interval
       {0, 30 * 60 + 61, 30, true}, {0, 86400, 0, false},         // 0: no idle limit
       {0, 60 + 6, 1, false},      {0, 60 + 7, 1, true},          // a tenth of a short limit
@@ -107,7 +86,7 @@ TEST(SessionKeysTest, Expiry) {
       {7200, 0, 0, false},      {7199, 0, 0, true},       // lifetime counts from creation
       {7199, 0, 10080, true},
   };
-  for (const Case& c : cases)
+  for (const auto& c : cases)
     EXPECT_EQ(merocgi::IsSessionExpired(created, c.lifetime, now - c.idleSeconds,
                                         c.timeoutMinutes, now),
               c.expired)
@@ -119,17 +98,14 @@ TEST(SessionKeysTest, Expiry) {
 // idle limit of the one before must pass, and the session must be refused
 // once idle for longer than the limit plus the touch interval.
 TEST(SessionKeysTest, ASessionInUseNeverIdlesOut) {
-  struct Case {
-    int timeoutMinutes;
-    std::vector<int64_t> uses;  // seconds after creation
-  } cases[] = {
+  const struct { int timeoutMinutes; std::vector<int64_t> uses; } cases[] = {  // uses: s after creation
       {1, {29, 74, 134, 194}},  // used at 29 s, then 45 s later, then a minute apart
       {1, {5, 65, 125, 185, 245}},
       {2, {59, 179, 299, 419}},
       {10, {1, 599, 1199, 1799}},
       {30, {1799, 3598, 5397}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.timeoutMinutes) + " minute(s)");
     const int64_t created = 1000000, limit = int64_t(c.timeoutMinutes) * 60;
     int64_t lastSeen = created, lastUse = created;

@@ -14,26 +14,30 @@
 
 namespace {
 
+merocgi::SessionRow Row(const std::string& sid, const std::string& user, int64_t created,
+                        int64_t lifetime, int64_t idleMinutes) {
+  merocgi::SessionRow row;
+  row.idHash = merocgi::SessionIdHash(sid);
+  row.registry = "test.current.users";
+  row.user = user;
+  row.client = "127.0.0.1";
+  row.created = row.lastSeen = created;
+  row.lifetime = lifetime;
+  row.csrf = "token";
+  row.idleMinutes = idleMinutes;
+  return row;
+}
+
 class SessionStoreTest : public webapi_test::ApplianceRootTest {
  protected:
-  // A session stored directly, with the times and the idle limit of its
-  // checks given; returns its id.
-  std::string Store(int64_t lastSeen, int64_t created, int64_t idleMinutes = 30,
-                    const std::string& user = "alice", int64_t lifetime = 0) {
+  // A session stored directly, last seen when it was created, with the idle
+  // limit of its checks given; returns its id.
+  std::string Store(int64_t created, int64_t idleMinutes = 30, const std::string& user = "alice",
+                    int64_t lifetime = 0) {
     const std::string sid = merocgi::NewSessionId();
-    merocgi::SessionRow row;
-    row.idHash = merocgi::SessionIdHash(sid);
-    row.registry = "test.current.users";
-    row.user = user;
-    row.client = "127.0.0.1";
-    row.created = created;
-    row.lastSeen = lastSeen;
-    row.lifetime = lifetime;
-    row.csrf = "token";
-    row.idleMinutes = idleMinutes;
     merocgi::SessionDb db;  // closed again before the platform opens the store
     EXPECT_EQ(db.Open(merocgi::SessionDb::Access::kWriter), merocgi::SessionDb::OpenResult::kOpened);
-    EXPECT_EQ(db.Insert(row, false), 1);
+    EXPECT_EQ(db.Insert(Row(sid, user, created, lifetime, idleMinutes), false), 1);
     return sid;
   }
 
@@ -59,26 +63,26 @@ class SessionStoreTest : public webapi_test::ApplianceRootTest {
 
 TEST_F(SessionStoreTest, ACheckWritesStaleLastSeenTimesOnly) {
   const int64_t now = time(nullptr);
-  const std::string stale = Store(now - 120, now - 120);
-  const std::string fresh = Store(now - 10, now - 10);
+  const std::string stale = Store(now - 120);
+  const std::string fresh = Store(now - 10);
   EXPECT_EQ(Check(stale, 30), MERO_SESSION_AUTHORIZED);
   EXPECT_EQ(Check(fresh, 30), MERO_SESSION_AUTHORIZED);
   EXPECT_GE(LastSeen(stale), now);
   EXPECT_EQ(LastSeen(fresh), now - 10);
   // With a one-minute idle limit the last-seen time is written every 6 s,
   // and a session idles out between 60 and 66 s after its last use.
-  const std::string steady = Store(now - 40, now - 40);
+  const std::string steady = Store(now - 40);
   EXPECT_EQ(Check(steady, 1), MERO_SESSION_AUTHORIZED);
   EXPECT_GE(LastSeen(steady), now);
-  EXPECT_EQ(Check(Store(now - 64, now - 64), 1), MERO_SESSION_AUTHORIZED);
-  EXPECT_EQ(Check(Store(now - 68, now - 68), 1), MERO_SESSION_EXPIRED);
+  EXPECT_EQ(Check(Store(now - 64), 1), MERO_SESSION_AUTHORIZED);
+  EXPECT_EQ(Check(Store(now - 68), 1), MERO_SESSION_EXPIRED);
 }
 
 // The store expires sessions by the idle limit their checks applied: the
 // first check writes it, and a wider one replaces a narrower (0: none).
 TEST_F(SessionStoreTest, ChecksRecordTheWidestIdleLimit) {
   const int64_t now = time(nullptr);
-  const std::string unseen = Store(now - 10, now - 10, merocgi::kIdleLimitUnknown);
+  const std::string unseen = Store(now - 10, merocgi::kIdleLimitUnknown);
   const struct {
     int timeoutMinutes;
     int64_t recorded;
@@ -100,14 +104,8 @@ TEST_F(SessionStoreTest, UnderSteadyLoginsTheStoreStaysBounded) {
   merocgi::SessionDb db;
   ASSERT_EQ(db.Open(merocgi::SessionDb::Access::kWriter), merocgi::SessionDb::OpenResult::kOpened);
   for (int i = 0; i < kLogins; ++i) {
-    merocgi::SessionRow row;
-    row.idHash = merocgi::SessionIdHash(merocgi::NewSessionId());
-    row.registry = "test.current.users";
-    row.user = "user" + std::to_string(i);
-    row.client = "127.0.0.1";
-    row.created = row.lastSeen = start + i;
-    row.lifetime = i % 2 ? 0 : 120;
-    row.idleMinutes = i % 2 ? 1 : merocgi::kIdleLimitUnknown;
+    const merocgi::SessionRow row = Row(merocgi::NewSessionId(), "user" + std::to_string(i),
+                                        start + i, i % 2 ? 0 : 120, i % 2 ? 1 : merocgi::kIdleLimitUnknown);
     ASSERT_EQ(db.Insert(row, false), 1);
   }
   std::vector<merocgi::SessionRow> rows;
@@ -123,7 +121,7 @@ TEST_F(SessionStoreTest, UnderSteadyLoginsTheStoreStaysBounded) {
 
 TEST_F(SessionStoreTest, ARecordThatDoesNotDecodeHidesNothingAndIsPurged) {
   const int64_t now = time(nullptr);
-  const std::string good = Store(now, now);
+  const std::string good = Store(now);
   {
     MDB_env* env = nullptr;
     ASSERT_EQ(mdb_env_create(&env), 0);
@@ -153,15 +151,15 @@ TEST_F(SessionStoreTest, ARecordThatDoesNotDecodeHidesNothingAndIsPurged) {
 // Ids of a session's user: "root" is an account on every system.
 TEST_F(SessionStoreTest, IdsAreGivenWithinTheLifetimeWhateverTheIdleTime) {
   const int64_t now = time(nullptr);
-  EXPECT_EQ(MeroCgiUIDGet(Store(now - 100, now - 100, 30, "root", 200).c_str(), "root"), 0);
-  EXPECT_EQ(MeroCgiGIDGet(Store(now - 100, now - 100, 30, "root", 50).c_str(), "root"), -1);
-  EXPECT_EQ(MeroCgiUIDGet(Store(now - 864000, now - 864000, 30, "root").c_str(), "root"), 0);
+  EXPECT_EQ(MeroCgiUIDGet(Store(now - 100, 30, "root", 200).c_str(), "root"), 0);
+  EXPECT_EQ(MeroCgiGIDGet(Store(now - 100, 30, "root", 50).c_str(), "root"), -1);
+  EXPECT_EQ(MeroCgiUIDGet(Store(now - 864000, 30, "root").c_str(), "root"), 0);
 }
 
 TEST_F(SessionStoreTest, ListCallbacksMayRevoke) {
   const int64_t now = time(nullptr);
-  Store(now, now);
-  Store(now, now);
+  Store(now);
+  Store(now);
   const int listed = MeroCgiSessionList(
       [](const MEROCGI_SESSION_INFO* info, void*) {
         EXPECT_EQ(MeroCgiSessionRevoke(nullptr, info->ref, nullptr), 1) << info->ref;

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 #include "ApplianceRootEnv.h"
 #include "zel.h"
@@ -53,11 +54,7 @@ class SecurityOptionsTest : public webapi_test::ApplianceRootTest {
 };
 
 TEST_F(SecurityOptionsTest, EmitsExactlyTheSelectedHeadersAndHstsOnlyOnHttps) {
-  struct Case {
-    const char* options;
-    Headers http;
-    const char* hsts;  // added on https; null: none
-  };
+  struct Case { const char* options; Headers http; const char* hsts; };  // hsts: on https only
   const std::string originsPolicy =
       std::string(kPolicy) + "; frame-ancestors 'self' https://a.example http://10.0.0.2:8080";
   const Case cases[] = {
@@ -108,25 +105,19 @@ TEST_F(SecurityOptionsTest, EmitsExactlyTheSelectedHeadersAndHstsOnlyOnHttps) {
 }
 
 TEST_F(SecurityOptionsTest, ReadsTheSchemeAtEachCall) {
-  struct Case {
-    const char* https;
-    const char* forwardedProto;
-    bool hsts;
-  };
-  const Case cases[] = {
-      // Letter case and either variable alone are the request-origin test's.
+  // HTTPS, X-Forwarded-Proto, whether HSTS is sent. Letter case and either
+  // variable alone are the request-origin test's.
+  const std::tuple<const char*, const char*, bool> cases[] = {
       {nullptr, nullptr, false}, {"on", nullptr, true},    {"1", nullptr, false},
       {"on ", nullptr, false},   {"", nullptr, false},     {nullptr, "https", true},
       {nullptr, "https,http", false},
   };
   const SecurityOptions options("hsts=on");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.https ? c.https : "(unset)") + " / " +
-                 (c.forwardedProto ? c.forwardedProto : "(unset)"));
-    c.https ? setenv("HTTPS", c.https, 1) : unsetenv("HTTPS");
-    c.forwardedProto ? setenv("HTTP_X_FORWARDED_PROTO", c.forwardedProto, 1)
-                     : unsetenv("HTTP_X_FORWARDED_PROTO");
-    EXPECT_EQ(Get(options).count("Strict-Transport-Security"), c.hsts ? 1u : 0u);
+  for (const auto& [https, forwardedProto, hsts] : cases) {
+    SCOPED_TRACE(std::string(https ? https : "-") + " / " + (forwardedProto ? forwardedProto : "-"));
+    webapi_test::SetEnvOrUnset("HTTPS", https);
+    webapi_test::SetEnvOrUnset("HTTP_X_FORWARDED_PROTO", forwardedProto);
+    EXPECT_EQ(Get(options).count("Strict-Transport-Security"), hsts ? 1u : 0u);
   }
 }
 
@@ -167,11 +158,7 @@ TEST_F(SecurityOptionsTest, SeparatorsInInjectedTextOnlyStartTokensOfTheirOwn) {
     sixteenPolicy += " https://a" + std::to_string(i) + ".example";
   }
   const std::string framedPolicy = std::string(kPolicy) + "; frame-ancestors 'self' https://a.example";
-  struct Case {
-    std::string options;
-    int ignored;
-    Headers want;  // on https
-  };
+  struct Case { std::string options; int ignored; Headers want; };  // want: on https
   const Case cases[] = {
       {"default frame=https://a.example\r\nSet-Cookie:x=1", 1,  // no header line of its own
        Defaults({{"X-Frame-Options", ""}, {"Content-Security-Policy", framedPolicy},

@@ -18,11 +18,7 @@ using MERO::sharing::record::Entry;
 TEST(SharingRulesTest, WhatALinkAdmits) {
   Entry entry;
   entry.apis = {"Demo.Share:list", "Demo.Files"};
-  const struct {
-    const char* api;
-    const char* method;
-    bool admitted;
-  } cases[] = {
+  const struct { const char* api; const char* method; bool admitted; } cases[] = {
       {"Demo.Share", "list", true},    {"Demo.Share", "LIST", true},  // methods ignore case
       {"Demo.Share", "download", false}, {"demo.share", "list", false},  // API names do not
       {"Demo.Files", "anything", true},  {"Demo.Share:list", "", false},
@@ -33,11 +29,7 @@ TEST(SharingRulesTest, WhatALinkAdmits) {
 }
 
 TEST(SharingRulesTest, WhatALinkCovers) {
-  const struct {
-    const char* item;
-    const char* path;
-    bool covered;
-  } cases[] = {
+  const struct { const char* item; const char* path; bool covered; } cases[] = {
       {"/docs", "/docs", true},        {"/docs", "/docs/a/b.txt", true},
       {"/docs", "/docsx", false},      {"/docs", "/doc", false},
       {"/docs", "/docs/", false},      {"/docs", "/docs//a", false},
@@ -55,11 +47,7 @@ TEST(SharingRulesTest, WhatALinkCovers) {
 TEST(SharingRulesTest, BaseAddressOfLinks) {
   using namespace MERO::sharing;
   const struct {
-    const char* host;
-    int port;
-    bool https;
-    const char* portal;
-    const char* url;
+    const char* host; int port; bool https; const char* portal; const char* url;
     _tag_SHARING_URL_TYPE type;
   } cases[] = {
       {"nas.example", 80, false, "", "http://nas.example/sharing/", SHARING_URL_HTTP},
@@ -109,11 +97,7 @@ TEST_F(SharingAdminTest, CreateRefusesUnusableLinksAndWritesNothing) {
   const char* blank[] = {"Demo Share"};
   const char* colonOnly[] = {":list"};
   const struct {
-    const char* item;
-    const char* const* apis;
-    int apiCount;
-    const char* owner;
-    long long limit;
+    const char* item; const char* const* apis; int apiCount; const char* owner; long long limit;
   } cases[] = {
       {"docs", good, 1, "alice", 0},         {"/docs/", good, 1, "alice", 0},
       {"/docs/../etc", good, 1, "alice", 0}, {"/docs\n", good, 1, "alice", 0},
@@ -149,24 +133,20 @@ TEST_F(SharingAdminTest, ListNamesLinksByRefAndPurgeRemovesExpiredOnes) {
   link.expires = std::time(nullptr) - 1;
   ASSERT_EQ(MeroSharingLinkCreate(&link, nullptr, expired, sizeof expired), MERO_SHARING_AUTHORIZED);
 
-  struct Seen {
-    std::vector<std::string> lines;
-  } seen;
+  std::vector<std::string> lines;
   ASSERT_EQ(MeroSharingLinkList(
                 [](const MEROSHARING_LINK_INFO* info, void* context) {
-                  static_cast<Seen*>(context)->lines.push_back(
+                  static_cast<std::vector<std::string>*>(context)->push_back(
                       std::string(info->ref) + " " + info->item + " " + info->apis[1] + " " +
                       std::to_string(info->hasPassword));
                 },
-                &seen),
+                &lines),
             2);
   // Both made in the same second: their order is not fixed.
-  std::sort(seen.lines.begin(), seen.lines.end(), [](const std::string& a, const std::string& b) {
-    return a.back() < b.back();
-  });
-  for (size_t i = 0; i < seen.lines.size(); ++i) {
-    EXPECT_EQ(seen.lines[i].find(kept), std::string::npos);  // never the id itself
-    EXPECT_EQ(seen.lines[i].substr(16), " /docs Demo.Share:download " + std::to_string(i));
+  std::sort(lines.begin(), lines.end(), [](auto& a, auto& b) { return a.back() < b.back(); });
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].find(kept), std::string::npos);  // never the id itself
+    EXPECT_EQ(lines[i].substr(16), " /docs Demo.Share:download " + std::to_string(i));
   }
   EXPECT_EQ(MeroSharingLinkRevoke("ABC"), MERO_SHARING_INVALID);  // too short to name one
   EXPECT_EQ(MeroSharingPurge(std::time(nullptr)), 1);
